@@ -1,0 +1,236 @@
+#include "app/AppDelegate.h"
+
+#include "app/MainWindowController.h"
+#include "app/Platform.h"
+#include "app/SystemLog.h"
+#include "app/TraceLog.h"
+#include "app/UserDefaults.h"
+#include "camera/CameraAuthorization.h"
+#include "onboarding/OnboardingManager.h"
+#include "sysext/ExtensionProbes.h"
+
+#include <QApplication>
+#include <QCoreApplication>
+#include <QEvent>
+#include <QLabel>
+#include <QScreen>
+#include <QSystemTrayIcon>
+#include <QVBoxLayout>
+#include <QWidget>
+
+namespace vistrel {
+namespace {
+
+QString boolText(bool value)
+{
+    return value ? QStringLiteral("true") : QStringLiteral("false");
+}
+
+QString coordinate(qreal value)
+{
+    // 500 prints as "500.0", 0.5 as "0.5".
+    QString text = QString::number(value, 'g', 15);
+    if (!text.contains(QLatin1Char('.')) && !text.contains(QLatin1Char('e')))
+        text += QStringLiteral(".0");
+    return text;
+}
+
+std::unique_ptr<QWidget> &fallbackWindowSlot()
+{
+    static std::unique_ptr<QWidget> window;
+    return window;
+}
+
+// Forwards the main window's loss of activation to the delegate.
+class ResignKeyObserver : public QObject
+{
+public:
+    ResignKeyObserver(AppDelegate *delegate, QWidget *window)
+        : QObject(window), m_delegate(delegate), m_window(window)
+    {
+        setObjectName(QStringLiteral("resignKeyObserver"));
+        window->installEventFilter(this);
+    }
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override
+    {
+        if (watched == m_window && event->type() == QEvent::WindowDeactivate && m_delegate)
+            m_delegate->windowDidResignKey(m_window);
+        return false;
+    }
+
+private:
+    QPointer<AppDelegate> m_delegate;
+    QWidget *m_window;
+};
+
+} // namespace
+
+QString describeOptional(const QObject *object)
+{
+    if (!object)
+        return QStringLiteral("nil");
+    return QStringLiteral("Optional(%1(0x%2))")
+        .arg(QString::fromLatin1(object->metaObject()->className()))
+        .arg(reinterpret_cast<quintptr>(object), 0, 16);
+}
+
+QString describeFrame(const QRectF &frame)
+{
+    return QStringLiteral("(%1, %2, %3, %4)")
+        .arg(coordinate(frame.x()), coordinate(frame.y()), coordinate(frame.width()), coordinate(frame.height()));
+}
+
+void centerWindowOnScreen(QWidget *window)
+{
+    QScreen *screen = QGuiApplication::primaryScreen();
+    if (!screen && !QGuiApplication::screens().isEmpty())
+        screen = QGuiApplication::screens().first();
+    if (!screen)
+        return;
+    const QRect vf = screen->availableGeometry();
+    const QSize size = window->size();
+    window->move(vf.x() + vf.width() / 2 - size.width() / 2, vf.y() + vf.height() / 2 - size.height() / 2);
+}
+
+QWidget *fallbackWindow()
+{
+    return fallbackWindowSlot().get();
+}
+
+QWidget *showFallbackWindow(Application &application)
+{
+    auto window = std::make_unique<QWidget>(nullptr, Qt::Window);
+    window->setWindowTitle(QStringLiteral("Vistrel"));
+    window->resize(500, 360);
+
+    auto *label = new QLabel(QStringLiteral("Vistrel is running.\nClick the menu-bar icon for options."));
+    label->setAlignment(Qt::AlignCenter);
+    QFont font = label->font();
+    font.setPointSize(14);
+    label->setFont(font);
+    label->setTextInteractionFlags(Qt::NoTextInteraction);
+    auto *layout = new QVBoxLayout(window.get());
+    layout->addWidget(label, 0, Qt::AlignCenter);
+
+    centerWindowOnScreen(window.get());
+    QWidget *shown = window.get();
+    fallbackWindowSlot() = std::move(window);
+
+    application.activateIgnoringOtherApps();
+    shown->show();
+    shown->raise();
+    shown->activateWindow();
+    systemLog(QStringLiteral("programmatic fallback window shown — frame=") + describeFrame(shown->geometry()));
+    return shown;
+}
+
+AppDelegate::AppDelegate(const Services &services, QObject *parent)
+    : QObject(parent), m_services(services)
+{
+}
+
+AppDelegate::~AppDelegate() = default;
+
+void AppDelegate::applicationDidFinishLaunching()
+{
+    const QString exec = m_services.bundle.executablePath.isEmpty() ? QStringLiteral("?")
+                                                                    : m_services.bundle.executablePath;
+    traceLog(QStringLiteral("didFinishLaunching ENTER pid=") + QString::number(QCoreApplication::applicationPid())
+             + QStringLiteral(" exec=") + exec);
+
+    OnboardingManager onboarding(m_services);
+    const bool onboardingComplete = onboarding.onboardingComplete();
+    const int cameraAuth = m_services.cameraAuthorization->authorizationStatus();
+    const bool extInstalled = m_services.extensionProbes->isExtensionInstalledProbe();
+    const bool extActivated = m_services.extensionProbes->isExtensionActivatedProbe();
+    needsOnboarding = onboarding.isOnboardingNeeded();
+
+    const QString fields = QStringLiteral("onboardingComplete=") + boolText(onboardingComplete)
+                           + QStringLiteral(" cameraAuth=") + QString::number(cameraAuth)
+                           + QStringLiteral(" extInstalled=") + boolText(extInstalled)
+                           + QStringLiteral(" extActivated=") + boolText(extActivated)
+                           + QStringLiteral(" needsOnboarding=") + boolText(needsOnboarding);
+    traceLog(QStringLiteral("didFinishLaunching state — ") + fields);
+    systemLog(QStringLiteral("didFinishLaunching — ") + fields);
+
+    m_services.application->activateIgnoringOtherApps();
+
+    QWidget *autoLoaded = MainWindowController::firstWindowWithController();
+    mainWindowController = MainWindowController::of(autoLoaded);
+    traceLog(QStringLiteral("autoLoadedMain=") + describeOptional(autoLoaded) + QStringLiteral(" wc=")
+             + describeOptional(mainWindowController.data()));
+
+    if (!needsOnboarding) {
+        traceLog(QStringLiteral("taking MAIN WINDOW path"));
+        setupStatusItem();
+        prepareMainWindow();
+        if (autoLoaded)
+            autoLoaded->hide();
+        startUpdateCheck();
+        traceLog(QStringLiteral("didFinishLaunching EXIT"));
+        return;
+    }
+
+    traceLog(QStringLiteral("taking ONBOARDING path"));
+    onboardingInProgress = true;
+    if (autoLoaded)
+        autoLoaded->hide();
+    showOnboardingWindow();
+    traceLog(QStringLiteral("didFinishLaunching EXIT"));
+}
+
+void AppDelegate::prepareMainWindow()
+{
+    if (onboardingInProgress)
+        return;
+    if (!mainWindowController) {
+        mainWindowController = instantiateMainInterface(m_services, m_services.bundle.mainInterfacePath());
+        systemLog(QStringLiteral("main storyboard fallback instantiate -> ") + describeOptional(mainWindowController.data()));
+        if (!mainWindowController) {
+            systemLog(QStringLiteral("no main window from storyboard — falling back to programmatic window"));
+            showFallbackWindow(*m_services.application);
+            return;
+        }
+    }
+    QWidget *window = mainWindowController->window();
+    if (!window) {
+        systemLog(QStringLiteral("no main window from storyboard — falling back to programmatic window"));
+        showFallbackWindow(*m_services.application);
+        return;
+    }
+
+    // A pop-up panel: frameless (so not movable), floating above other windows,
+    // shown on whichever desktop is current.
+    window->setWindowFlags(Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
+    if (!window->findChild<QObject *>(QStringLiteral("resignKeyObserver"), Qt::FindDirectChildrenOnly))
+        new ResignKeyObserver(this, window);
+    window->hide();
+    systemLog(QStringLiteral("main window prepared (hidden) — frame=") + describeFrame(window->geometry()));
+}
+
+void AppDelegate::onboardingCompleted()
+{
+    traceLog(QStringLiteral("onboarding completed — restarting app"));
+    onboardingInProgress = false;
+    restartApp();
+}
+
+void AppDelegate::restartApp()
+{
+    QString error;
+    if (m_services.launcher->launchDetached(m_services.bundle.executablePath, {}, &error)) {
+        m_services.application->terminate();
+        return;
+    }
+    traceLog(QStringLiteral("restartApp failed: ") + error);
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    if (onboardingInProgress)
+        OnboardingManager(m_services).setOnboardingComplete(false);
+}
+
+} // namespace vistrel

@@ -1,0 +1,80 @@
+#pragma once
+#include "app/Services.h"
+
+#include <QObject>
+#include <QPointer>
+#include <limits>
+#include <memory>
+
+class QSystemTrayIcon;
+class QWidget;
+
+namespace vistrel {
+class MainWindowController;
+namespace sysext {
+struct ExtensionRequestError;
+}
+
+// The application delegate: the launch decision, the main window, the status item,
+// relaunch and termination. Lives for the whole process.
+class AppDelegate : public QObject
+{
+    Q_OBJECT
+public:
+    explicit AppDelegate(const Services &services, QObject *parent = nullptr);
+    ~AppDelegate() override;
+
+    // Answers to the extension request that onboarding submits.
+    int actionForReplacingExtension(const QString &existingVersion, const QString &newVersion);
+    void requestNeedsUserApproval();
+    void requestDidFinishWithResult(int result);
+    void requestDidFailWithError(const sysext::ExtensionRequestError &error);
+
+    bool applicationSupportsSecureRestorableState() const { return true; }
+    void applicationDidFinishLaunching();
+    void statusItemClicked();
+    void windowDidResignKey(QWidget *sender);
+    void resetOnboarding();
+    void applicationWillTerminate();
+
+    void prepareMainWindow();
+    void setupStatusItem();
+    void positionWindowBelowStatusItem(QWidget *window);
+    void showInfoAlert(const QString &title, const QString &text);
+    void restartApp();
+    void onboardingCompleted();
+
+    // Fields, in declaration order.
+    std::unique_ptr<QSystemTrayIcon> statusItem;
+    QPointer<MainWindowController> mainWindowController;
+    bool onboardingInProgress = false;
+    bool needsOnboarding = false;
+    double popupHideTimestamp = std::numeric_limits<double>::lowest(); // the distant past
+
+    const Services &services() const { return m_services; }
+
+private:
+    void toggleMainWindowFromStatusItem();
+    void showMainWindowBelowStatusItem();
+    void startUpdateCheck();
+    void showOnboardingWindow();
+    void showSettingsAlert(const QString &title, const QString &text);
+    void handleInstallResult(int result);
+
+    Services m_services;
+};
+
+// Builds and shows the 500 × 360 programmatic window used when the interface file
+// has no main window. Replaces (and so closes) the previous one.
+QWidget *showFallbackWindow(Application &application);
+QWidget *fallbackWindow();
+
+// Centres a window on the available geometry of the primary screen.
+void centerWindowOnScreen(QWidget *window);
+
+// "Optional(QMainWindow(0x55…))" or "nil".
+QString describeOptional(const QObject *object);
+// "(x, y, width, height)", each with a fractional part.
+QString describeFrame(const QRectF &frame);
+
+} // namespace vistrel

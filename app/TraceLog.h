@@ -1,0 +1,18 @@
+#pragma once
+#include <QDateTime>
+#include <QString>
+
+namespace vistrel {
+
+// Appends "[<UTC time> +0000] <message>\n" to ~/vistrel-trace.log and echoes
+// "[Vistrel] <message>" to the system log. Opens and closes the file on every call;
+// never truncates, never reports a failure to the caller.
+void traceLog(const QString &message);
+
+// "~/vistrel-trace.log" expanded against the current HOME.
+QString traceLogPath();
+
+// "2026-11-16 00:06:02 +0000": whole seconds, always UTC.
+QString traceTimestamp(const QDateTime &when);
+
+} // namespace vistrel

@@ -1,0 +1,72 @@
+// Process entry: wires the Linux implementations of the platform seams, loads the
+// interface file's main window (as the platform would at start), then runs the
+// delegate's launch sequence from the event loop.
+#include "app/AppDelegate.h"
+#include "app/LinuxPlatform.h"
+#include "app/MainWindowController.h"
+#include "app/NotificationCenter.h"
+#include "app/UserDefaults.h"
+#include "camera/CameraAuthorization.h"
+#include "sysext/ExtensionProbes.h"
+
+#include <QApplication>
+#include <QTimer>
+#include <gst/gst.h>
+
+namespace {
+
+// Until the extension probes land, the extension counts as neither installed nor active.
+class NoExtensionProbes final : public vistrel::sysext::ExtensionProbes
+{
+public:
+    bool isExtensionInstalledProbe() override { return false; }
+    bool isExtensionActivatedProbe() override { return false; }
+};
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    gst_init(&argc, &argv);
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Vistrel"));
+    QApplication::setOrganizationName(QStringLiteral("Vistrel"));
+    QApplication::setDesktopFileName(QStringLiteral("app.vistrel.Vistrel"));
+    QApplication::setWindowIcon(QIcon(QStringLiteral(":/images/app.vistrel.Vistrel.svg")));
+    // A tray utility: closing a window never ends the program.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    using namespace vistrel;
+    SteadyClock clock;
+    MessageBoxAlertPresenter alerts;
+    QtFileDialogs fileDialogs;
+    ProcessLauncher launcher;
+    DesktopUrlOpener urlOpener;
+    QtApplication application;
+    camera::V4l2CameraAuthorization cameraAuthorization;
+    NoExtensionProbes extensionProbes;
+
+    Services services;
+    services.bundle = Bundle::main();
+    services.defaults = &UserDefaults::standard();
+    services.notifications = &NotificationCenter::defaultCenter();
+    services.clock = &clock;
+    services.alerts = &alerts;
+    services.fileDialogs = &fileDialogs;
+    services.launcher = &launcher;
+    services.urlOpener = &urlOpener;
+    services.application = &application;
+    services.cameraAuthorization = &cameraAuthorization;
+    services.extensionProbes = &extensionProbes;
+
+    AppDelegate delegate(services);
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
+
+    // The interface file's initial window is loaded before launch completes, hidden.
+    std::unique_ptr<QWidget> autoLoadedWindow;
+    if (MainWindowController *controller = instantiateMainInterface(services, services.bundle.mainInterfacePath()))
+        autoLoadedWindow.reset(controller->window());
+
+    QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
+    return app.exec();
+}

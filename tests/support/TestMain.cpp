@@ -1,0 +1,27 @@
+// Test entry point: every test process runs with its own temporary HOME and
+// XDG_CONFIG_HOME (so settings and the trace file never touch the real ones),
+// Qt's offscreen platform and an initialised GStreamer.
+#include <QApplication>
+#include <QTemporaryDir>
+#include <gmock/gmock.h>
+#include <gst/gst.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+int main(int argc, char **argv)
+{
+    QTemporaryDir home(QDir::tempPath() + QStringLiteral("/vistrel-test-home-XXXXXX"));
+    if (!home.isValid())
+        return 2;
+    qputenv("HOME", home.path().toUtf8());
+    qputenv("XDG_CONFIG_HOME", (home.path() + QStringLiteral("/.config")).toUtf8());
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+
+    ::testing::InitGoogleMock(&argc, argv);
+    gst_init(&argc, &argv);
+    QApplication app(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    return RUN_ALL_TESTS();
+}
