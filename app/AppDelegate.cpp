@@ -35,9 +35,9 @@ QString coordinate(qreal value)
     return text;
 }
 
-std::unique_ptr<QWidget> &fallbackWindowSlot()
+QPointer<QWidget> &fallbackWindowSlot()
 {
-    static std::unique_ptr<QWidget> window;
+    static QPointer<QWidget> window;
     return window;
 }
 
@@ -90,18 +90,19 @@ void centerWindowOnScreen(QWidget *window)
     if (!screen)
         return;
     const QRect vf = screen->availableGeometry();
-    const QSize size = window->size();
+    // move() places the frame, so centre the frame (the bare size until decorated).
+    const QSize size = window->frameGeometry().size();
     window->move(vf.x() + vf.width() / 2 - size.width() / 2, vf.y() + vf.height() / 2 - size.height() / 2);
 }
 
 QWidget *fallbackWindow()
 {
-    return fallbackWindowSlot().get();
+    return fallbackWindowSlot().data();
 }
 
 QWidget *showFallbackWindow(Application &application)
 {
-    auto window = std::make_unique<QWidget>(nullptr, Qt::Window);
+    auto *window = new QWidget(nullptr, Qt::Window);
     window->setWindowTitle(QStringLiteral("Vistrel"));
     window->resize(500, 360);
 
@@ -111,12 +112,14 @@ QWidget *showFallbackWindow(Application &application)
     font.setPointSize(14);
     label->setFont(font);
     label->setTextInteractionFlags(Qt::NoTextInteraction);
-    auto *layout = new QVBoxLayout(window.get());
+    auto *layout = new QVBoxLayout(window);
     layout->addWidget(label, 0, Qt::AlignCenter);
 
-    centerWindowOnScreen(window.get());
-    QWidget *shown = window.get();
-    fallbackWindowSlot() = std::move(window);
+    centerWindowOnScreen(window);
+    // Only one fallback window is kept: the previous one goes.
+    delete fallbackWindowSlot().data();
+    fallbackWindowSlot() = window;
+    QWidget *shown = window;
 
     application.activateIgnoringOtherApps();
     shown->show();

@@ -5,13 +5,13 @@
 namespace vistrel {
 
 UserDefaults::UserDefaults()
-    : m_settings(std::make_unique<QSettings>(QSettings::IniFormat, QSettings::UserScope,
+    : m_settings(std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
                                              QStringLiteral("Vistrel"), QStringLiteral("Vistrel")))
 {
 }
 
 UserDefaults::UserDefaults(const QString &iniFilePath)
-    : m_settings(std::make_unique<QSettings>(iniFilePath, QSettings::IniFormat))
+    : m_settings(std::make_unique<QSettings>(iniFilePath, QSettings::NativeFormat))
 {
 }
 
