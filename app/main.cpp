@@ -7,6 +7,7 @@
 #include "app/NotificationCenter.h"
 #include "app/UserDefaults.h"
 #include "camera/CameraAuthorization.h"
+#include "camera/DeviceMonitorDiscovery.h"
 #include "sysext/ExtensionProbes.h"
 
 #include <QApplication>
@@ -44,6 +45,7 @@ int main(int argc, char *argv[])
     DesktopUrlOpener urlOpener;
     QtApplication application;
     camera::V4l2CameraAuthorization cameraAuthorization;
+    camera::DeviceMonitorDiscovery cameraDiscovery;
     NoExtensionProbes extensionProbes;
 
     Services services;
@@ -57,6 +59,7 @@ int main(int argc, char *argv[])
     services.urlOpener = &urlOpener;
     services.application = &application;
     services.cameraAuthorization = &cameraAuthorization;
+    services.cameraDiscovery = &cameraDiscovery;
     services.extensionProbes = &extensionProbes;
 
     AppDelegate delegate(services);

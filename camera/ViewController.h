@@ -28,6 +28,7 @@ class VideoDataOutput;
 class MoviePlayer;
 class PlayerItem;
 class PlayerItemVideoOutput;
+class FrameGate;
 } // namespace camera
 class Spinner;
 namespace vcam {
@@ -170,6 +171,9 @@ public:
 
 private:
     Services m_services;
+    // Declared last so it is released first: no camera frame reaches a controller
+    // whose fields are being destroyed.
+    std::shared_ptr<camera::FrameGate> m_cameraFrames;
 };
 
 } // namespace vistrel

@@ -1,16 +1,158 @@
 // Camera discovery, selection and capture.
 #include "camera/ViewController.h"
 
-namespace vistrel {
+#include "app/SystemLog.h"
+#include "camera/CaptureSession.h"
+#include "camera/FrameGate.h"
+#include "camera/SampleImage.h"
 
-// Camera discovery is not wired yet: no camera is offered until the GStreamer device monitor lands.
-std::vector<camera::CameraDevice> ViewController::discoverCameras() { return {}; }
-// Camera controls are not wired yet: the chooser and effect buttons keep the interface file's state.
-void ViewController::setupCameraControls() {}
-// Capture is not wired yet: no session runs until the GStreamer capture pipeline lands.
-void ViewController::setupDefaultCapture() {}
-void ViewController::configureCapture(const camera::CameraDevice &) {}
-void ViewController::processCameraFrame(GstSample *) {}
-void ViewController::cameraSelected(QObject *) {}
+#include <QComboBox>
+#include <QPushButton>
+#include <gst/gst.h>
+
+namespace vistrel {
+namespace {
+
+// The virtual camera this program publishes; it is never offered as a source.
+const QString kVirtualCameraName = QStringLiteral("Vistrel");
+
+} // namespace
+
+std::vector<camera::CameraDevice> ViewController::discoverCameras()
+{
+    std::vector<camera::CameraDevice> cameras;
+    if (!m_services.cameraDiscovery)
+        return cameras;
+    for (camera::CameraDevice &device : m_services.cameraDiscovery->videoDevices()) {
+        if (device.localizedName != kVirtualCameraName)
+            cameras.push_back(std::move(device));
+    }
+    return cameras;
+}
+
+void ViewController::setupCameraControls()
+{
+    connect(freezeButton.data(), &QPushButton::clicked, this, &ViewController::toggleFreeze, Qt::UniqueConnection);
+    connect(shutterButton.data(), &QPushButton::clicked, this, &ViewController::toggleShutter, Qt::UniqueConnection);
+    connect(popUpButton.data(), &QComboBox::activated, this, [this] { cameraSelected(popUpButton); });
+
+    // The chooser joins the controller's own view, wherever the interface file put it.
+    if (popUpButton->parentWidget() != this) {
+        popUpButton->setParent(this);
+        popUpButton->show();
+    }
+
+    videoDevices = discoverCameras();
+    if (videoDevices.empty()) {
+        consoleLine(QStringLiteral("Aucune caméra détectée"));
+        return;
+    }
+
+    popUpButton->clear();
+    for (const camera::CameraDevice &device : videoDevices)
+        popUpButton->addItem(device.localizedName);
+
+    selectedDevice = videoDevices.front();
+    popUpButton->setCurrentIndex(0);
+    configureCapture(videoDevices.front());
+}
+
+void ViewController::cameraSelected(QObject *)
+{
+    const int index = popUpButton->currentIndex();
+    if (index < 0 || index >= static_cast<int>(videoDevices.size())) {
+        consoleLine(QStringLiteral("Erreur : Index sélectionné hors limites"));
+        return;
+    }
+    selectedDevice = videoDevices[static_cast<std::size_t>(index)];
+    consoleLine(QStringLiteral("Caméra sélectionnée : ")
+                + (selectedDevice ? selectedDevice->localizedName : QStringLiteral("Aucune")));
+    configureCapture(*selectedDevice);
+}
+
+void ViewController::setupDefaultCapture()
+{
+    captureSession = std::make_shared<camera::CaptureSession>();
+
+    // The default video device is the first one the system lists.
+    std::vector<camera::CameraDevice> devices =
+        m_services.cameraDiscovery ? m_services.cameraDiscovery->videoDevices() : std::vector<camera::CameraDevice>{};
+    if (devices.empty()) {
+        consoleLine(QStringLiteral("Erreur : Pas de caméra disponible."));
+        return;
+    }
+
+    QString error;
+    auto input = camera::CaptureDeviceInput::create(devices.front(), &error);
+    if (!input) {
+        consoleLine(QStringLiteral("Erreur lors de la configuration de la caméra : ") + error);
+        return;
+    }
+    if (captureSession->canAddInput(*input))
+        captureSession->addInput(input);
+
+    videoOutput = std::make_shared<camera::VideoDataOutput>();
+    if (captureSession->canAddOutput(*videoOutput)) {
+        captureSession->addOutput(videoOutput);
+        if (!m_cameraFrames)
+            m_cameraFrames = camera::FrameGate::openUntilReleased([this](GstSample *sample) { processCameraFrame(sample); });
+        videoOutput->setSampleBufferDelegate(m_cameraFrames->sender());
+    }
+
+    const QString errorPrefix = QStringLiteral("Erreur lors de la configuration de la caméra : ");
+    captureSession->setRuntimeErrorHandler([errorPrefix](const QString &text) { consoleLine(errorPrefix + text); });
+    if (!captureSession->startRunning(&error))
+        consoleLine(errorPrefix + error);
+}
+
+void ViewController::configureCapture(const camera::CameraDevice &device)
+{
+    // The previous session is released here; it winds down on its own.
+    captureSession = std::make_shared<camera::CaptureSession>();
+
+    const QString errorPrefix = QStringLiteral("Erreur lors de la configuration de la capture vidéo : ");
+    QString error;
+    auto input = camera::CaptureDeviceInput::create(device, &error);
+    if (!input) {
+        consoleLine(errorPrefix + error);
+        return;
+    }
+    if (captureSession->canAddInput(*input))
+        captureSession->addInput(input);
+
+    // Each session gets its own output and its own streaming thread; videoOutput keeps
+    // the default session's output.
+    auto output = std::make_shared<camera::VideoDataOutput>();
+    if (captureSession->canAddOutput(*output)) {
+        captureSession->addOutput(output);
+        if (!m_cameraFrames)
+            m_cameraFrames = camera::FrameGate::openUntilReleased([this](GstSample *sample) { processCameraFrame(sample); });
+        output->setSampleBufferDelegate(m_cameraFrames->sender());
+    }
+
+    captureSession->setRuntimeErrorHandler([errorPrefix](const QString &text) { consoleLine(errorPrefix + text); });
+    if (!captureSession->startRunning(&error))
+        consoleLine(errorPrefix + error);
+}
+
+// Streaming thread. Reads the two flags without locking: a frame that races with a
+// change is simply taken or dropped.
+void ViewController::processCameraFrame(GstSample *sample)
+{
+    if (isPlayingVideo.load(std::memory_order_relaxed))
+        return;
+    if (!gst_sample_get_buffer(sample))
+        return;
+    if (!gst_sample_get_caps(sample) || isFrozen.load(std::memory_order_relaxed))
+        return;
+
+    lastCapturedImage.store(std::shared_ptr<GstSample>(gst_sample_ref(sample), gst_sample_unref));
+
+    QImage picture = camera::imageFromSample(sample);
+    if (picture.isNull())
+        return;
+    QMetaObject::invokeMethod(
+        this, [this, picture = std::move(picture)] { currentImage = picture; }, Qt::QueuedConnection);
+}
 
 } // namespace vistrel

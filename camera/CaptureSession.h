@@ -1,0 +1,92 @@
+#pragma once
+#include "camera/CameraDevice.h"
+
+#include <QString>
+#include <functional>
+#include <memory>
+
+typedef struct _GstElement GstElement;
+typedef struct _GstSample GstSample;
+
+namespace vistrel::camera {
+
+// The source element of one camera, made by the camera's own GStreamer device.
+class CaptureDeviceInput
+{
+public:
+    // Answers nothing, with the reason in *error, when the device cannot make its source.
+    static std::shared_ptr<CaptureDeviceInput> create(const CameraDevice &device, QString *error);
+    ~CaptureDeviceInput();
+    CaptureDeviceInput(const CaptureDeviceInput &) = delete;
+    CaptureDeviceInput &operator=(const CaptureDeviceInput &) = delete;
+
+    GstElement *element() const { return m_source; }
+
+private:
+    explicit CaptureDeviceInput(GstElement *source);
+    GstElement *m_source;
+};
+
+// Decoding, one conversion to the picture format (see SampleImage.h) and an appsink
+// that holds at most one frame, drops late ones and never waits for the clock. Each
+// frame goes to the delegate on the pipeline's streaming thread.
+class VideoDataOutput
+{
+public:
+    using SampleDelegate = std::function<void(GstSample *)>;
+
+    VideoDataOutput();
+    // Detaches the delegate; a frame being delivered at that moment is finished first.
+    ~VideoDataOutput();
+    VideoDataOutput(const VideoDataOutput &) = delete;
+    VideoDataOutput &operator=(const VideoDataOutput &) = delete;
+
+    // Replaces the delegate; callable from the main thread while frames flow.
+    void setSampleBufferDelegate(SampleDelegate delegate);
+    GstElement *element() const { return m_bin; }
+
+    struct DelegateSlot;
+
+private:
+    GstElement *m_bin = nullptr;
+    std::shared_ptr<DelegateSlot> m_slot;
+};
+
+// One capture pipeline: a camera's source feeding a video data output. Each session
+// is its own pipeline with its own streaming thread. Releasing a session stops its
+// pipeline on a worker thread, so the main thread never waits for a device to close.
+class CaptureSession
+{
+public:
+    CaptureSession();
+    ~CaptureSession();
+    CaptureSession(const CaptureSession &) = delete;
+    CaptureSession &operator=(const CaptureSession &) = delete;
+
+    bool canAddInput(const CaptureDeviceInput &input) const;
+    void addInput(std::shared_ptr<CaptureDeviceInput> input);
+    bool canAddOutput(const VideoDataOutput &output) const;
+    void addOutput(std::shared_ptr<VideoDataOutput> output);
+
+    // Sets the pipeline playing. Answers false, with GStreamer's error text in *error,
+    // when it cannot start. An empty session starts (and delivers nothing).
+    bool startRunning(QString *error = nullptr);
+    bool isRunning() const { return m_running; }
+
+    // Called on the main thread with GStreamer's error text when the running pipeline
+    // fails later on (a camera unplugged, a source that stops).
+    void setRuntimeErrorHandler(std::function<void(const QString &)> handler);
+
+    struct BusRelay;
+
+private:
+    void linkIfComplete();
+
+    GstElement *m_pipeline = nullptr;
+    std::shared_ptr<CaptureDeviceInput> m_input;
+    std::shared_ptr<VideoDataOutput> m_output;
+    std::shared_ptr<BusRelay> m_relay;
+    bool m_running = false;
+};
+
+} // namespace vistrel::camera

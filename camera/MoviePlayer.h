@@ -1,0 +1,112 @@
+#pragma once
+#include <QString>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+typedef struct _GstElement GstElement;
+typedef struct _GstSample GstSample;
+
+namespace vistrel::camera {
+
+// Decoded movie frames for the main thread: an appsink that converts to the picture
+// format (see SampleImage.h), keeps only the newest frame and is paced by the movie's
+// clock.
+class PlayerItemVideoOutput
+{
+public:
+    PlayerItemVideoOutput();
+    ~PlayerItemVideoOutput();
+    PlayerItemVideoOutput(const PlayerItemVideoOutput &) = delete;
+    PlayerItemVideoOutput &operator=(const PlayerItemVideoOutput &) = delete;
+
+    // The newest decoded frame not yet taken, or nothing. Never waits.
+    std::shared_ptr<GstSample> copyPixelBuffer();
+    GstElement *sink() const { return m_sink; }
+
+private:
+    GstElement *m_sink = nullptr;
+};
+
+enum class PlayerItemStatus { Unknown, ReadyToPlay, Failed };
+
+// One movie file to be played, with the outputs that receive its pictures.
+class PlayerItem
+{
+public:
+    explicit PlayerItem(const QString &filePath);
+
+    const QString &uri() const { return m_uri; }
+    PlayerItemStatus status() const { return m_status.load(); }
+    // The movie's length in nanoseconds, or -1 while it is not known.
+    std::int64_t duration() const { return m_duration.load(); }
+
+    void addOutput(std::shared_ptr<PlayerItemVideoOutput> output);
+    void removeOutput(const std::shared_ptr<PlayerItemVideoOutput> &output);
+    const std::vector<std::shared_ptr<PlayerItemVideoOutput>> &outputs() const { return m_outputs; }
+
+    // Set by the player that plays the item (any thread).
+    void setStatus(PlayerItemStatus status) { m_status.store(status); }
+    void setDuration(std::int64_t nanoseconds) { m_duration.store(nanoseconds); }
+
+private:
+    QString m_uri;
+    std::atomic<PlayerItemStatus> m_status{PlayerItemStatus::Unknown};
+    std::atomic<std::int64_t> m_duration{-1};
+    std::vector<std::shared_ptr<PlayerItemVideoOutput>> m_outputs;
+};
+
+// Plays one item with a GStreamer playbin: video to the item's output (software
+// decoders only, so that every decoder can run backwards), audio discarded. An error
+// on the bus marks the item failed; the end of the stream is reported on the main
+// thread. Releasing the player stops its pipeline on a worker thread.
+class MoviePlayer
+{
+public:
+    explicit MoviePlayer(std::shared_ptr<PlayerItem> item);
+    ~MoviePlayer();
+    MoviePlayer(const MoviePlayer &) = delete;
+    MoviePlayer &operator=(const MoviePlayer &) = delete;
+
+    void play();
+    void pause();
+    // A flushing, accurate seek to the start at normal speed.
+    void seekToZero();
+
+    const std::shared_ptr<PlayerItem> &currentItem() const { return m_item; }
+    // Only "no item" is supported: it stops the pipeline and forgets the item.
+    void replaceCurrentItem(std::nullptr_t);
+
+    // The playback position in nanoseconds: the item's end (or start, backwards) once
+    // the stream has ended there, 0 when unknown.
+    std::int64_t currentTime() const;
+    // 0 while paused, and when the last change of direction could not be made.
+    double rate() const { return m_rate; }
+    // Changes speed and direction by a flushing, accurate seek: forwards from the
+    // current position, backwards from the item's end (or the current position
+    // when the end is not known) towards 0.
+    void setRate(double rate);
+
+    // Called on the main thread each time the stream reaches its end in the current
+    // direction.
+    void setDidPlayToEndHandler(std::function<void()> handler);
+
+    struct BusRelay;
+
+private:
+    void releasePipeline();
+    void onEndOfStream();
+    void refreshDuration();
+
+    std::shared_ptr<PlayerItem> m_item;
+    GstElement *m_playbin = nullptr;
+    std::shared_ptr<BusRelay> m_relay;
+    std::function<void()> m_didPlayToEnd;
+    double m_rate = 0.0;
+    double m_direction = 1.0;
+    bool m_atEnd = false;
+};
+
+} // namespace vistrel::camera

@@ -1,0 +1,232 @@
+#include "camera/CaptureSession.h"
+
+#include "camera/SampleImage.h"
+
+#include <QCoreApplication>
+#include <QMetaObject>
+#include <QThreadPool>
+#include <gst/app/gstappsink.h>
+#include <gst/gst.h>
+#include <mutex>
+
+namespace vistrel::camera {
+
+// --- CaptureDeviceInput ----------------------------------------------------------
+
+CaptureDeviceInput::CaptureDeviceInput(GstElement *source) : m_source(source) {}
+
+CaptureDeviceInput::~CaptureDeviceInput() { gst_object_unref(m_source); }
+
+std::shared_ptr<CaptureDeviceInput> CaptureDeviceInput::create(const CameraDevice &device, QString *error)
+{
+    GstElement *source = device.device ? gst_device_create_element(device.device.get(), nullptr) : nullptr;
+    if (!source) {
+        if (error)
+            *error = QStringLiteral("The device \"%1\" cannot provide a video source.").arg(device.localizedName);
+        return nullptr;
+    }
+    gst_object_ref_sink(source);
+    return std::shared_ptr<CaptureDeviceInput>(new CaptureDeviceInput(source));
+}
+
+// --- VideoDataOutput -------------------------------------------------------------
+
+// Shared between the output and the appsink's callback, so a callback that is already
+// running when the output goes away still finds a valid (and then empty) slot.
+struct VideoDataOutput::DelegateSlot
+{
+    std::mutex mutex;
+    SampleDelegate delegate;
+};
+
+namespace {
+
+GstFlowReturn deliverSample(GstAppSink *sink, gpointer data)
+{
+    auto &slot = **static_cast<std::shared_ptr<VideoDataOutput::DelegateSlot> *>(data);
+    GstSample *sample = gst_app_sink_pull_sample(sink);
+    if (!sample)
+        return GST_FLOW_EOS;
+    {
+        std::lock_guard lock(slot.mutex);
+        if (slot.delegate)
+            slot.delegate(sample);
+    }
+    gst_sample_unref(sample);
+    return GST_FLOW_OK;
+}
+
+void releaseSlotReference(gpointer data) { delete static_cast<std::shared_ptr<VideoDataOutput::DelegateSlot> *>(data); }
+
+} // namespace
+
+VideoDataOutput::VideoDataOutput() : m_slot(std::make_shared<DelegateSlot>())
+{
+    const QByteArray description = QByteArrayLiteral("decodebin ! videoconvert ! ") + kPictureCaps
+                                   + QByteArrayLiteral(" ! appsink name=sink max-buffers=1 drop=true sync=false");
+    GError *parseError = nullptr;
+    m_bin = gst_parse_bin_from_description(description.constData(), TRUE, &parseError);
+    if (!m_bin) {
+        // Only a broken GStreamer installation (no decodebin or videoconvert) gets here.
+        qFatal("VideoDataOutput: cannot build the conversion bin: %s", parseError ? parseError->message : "?");
+    }
+    gst_object_ref_sink(m_bin);
+
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(m_bin), "sink");
+    GstAppSinkCallbacks callbacks{};
+    callbacks.new_sample = deliverSample;
+    gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, new std::shared_ptr<DelegateSlot>(m_slot),
+                               releaseSlotReference);
+    gst_object_unref(sink);
+}
+
+VideoDataOutput::~VideoDataOutput()
+{
+    setSampleBufferDelegate(nullptr);
+    gst_object_unref(m_bin);
+}
+
+void VideoDataOutput::setSampleBufferDelegate(SampleDelegate delegate)
+{
+    std::lock_guard lock(m_slot->mutex);
+    m_slot->delegate = std::move(delegate);
+}
+
+// --- CaptureSession --------------------------------------------------------------
+
+// Receives the pipeline's bus messages on whatever thread posts them. Before the
+// session runs it keeps the first error for startRunning; afterwards it forwards
+// errors to the main thread. Nothing is left queued on the bus.
+struct CaptureSession::BusRelay
+{
+    std::mutex mutex;
+    QString firstError;
+    bool forwarding = false;
+    std::function<void(const QString &)> handler;
+};
+
+namespace {
+
+QString takeErrorText(GstMessage *message)
+{
+    GError *error = nullptr;
+    gst_message_parse_error(message, &error, nullptr);
+    QString text = error ? QString::fromUtf8(error->message) : QStringLiteral("unknown error");
+    g_clear_error(&error);
+    return text;
+}
+
+GstBusSyncReply relayBusMessage(GstBus *, GstMessage *message, gpointer data)
+{
+    if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR)
+        return GST_BUS_DROP;
+    std::weak_ptr<CaptureSession::BusRelay> weakRelay = *static_cast<std::shared_ptr<CaptureSession::BusRelay> *>(data);
+    auto relay = weakRelay.lock();
+    const QString text = takeErrorText(message);
+    std::lock_guard lock(relay->mutex);
+    if (!relay->forwarding) {
+        if (relay->firstError.isEmpty())
+            relay->firstError = text;
+        return GST_BUS_DROP;
+    }
+    relay->forwarding = false; // one report per session: the pipeline is dead after an error
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(),
+        [weakRelay, text] {
+            auto alive = weakRelay.lock();
+            if (!alive)
+                return;
+            std::function<void(const QString &)> handler;
+            {
+                std::lock_guard lock(alive->mutex);
+                handler = alive->handler;
+            }
+            if (handler)
+                handler(text);
+        },
+        Qt::QueuedConnection);
+    return GST_BUS_DROP;
+}
+
+void releaseRelayReference(gpointer data) { delete static_cast<std::shared_ptr<CaptureSession::BusRelay> *>(data); }
+
+} // namespace
+
+CaptureSession::CaptureSession() : m_relay(std::make_shared<BusRelay>())
+{
+    m_pipeline = gst_pipeline_new("capture-session");
+    gst_object_ref_sink(m_pipeline);
+    GstBus *bus = gst_pipeline_get_bus(GST_PIPELINE(m_pipeline));
+    gst_bus_set_sync_handler(bus, relayBusMessage, new std::shared_ptr<BusRelay>(m_relay), releaseRelayReference);
+    gst_object_unref(bus);
+}
+
+CaptureSession::~CaptureSession()
+{
+    {
+        std::lock_guard lock(m_relay->mutex);
+        m_relay->forwarding = false;
+        m_relay->handler = nullptr;
+    }
+    // Closing a camera can take a while (a driver, a PipeWire round trip): the pipeline
+    // winds down on a worker thread and is freed there.
+    GstElement *pipeline = m_pipeline;
+    QThreadPool::globalInstance()->start([pipeline] {
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        gst_object_unref(pipeline);
+    });
+}
+
+bool CaptureSession::canAddInput(const CaptureDeviceInput &input) const
+{
+    return !m_input && !GST_OBJECT_PARENT(input.element());
+}
+
+void CaptureSession::addInput(std::shared_ptr<CaptureDeviceInput> input)
+{
+    m_input = std::move(input);
+    gst_bin_add(GST_BIN(m_pipeline), m_input->element());
+    linkIfComplete();
+}
+
+bool CaptureSession::canAddOutput(const VideoDataOutput &output) const
+{
+    return !m_output && !GST_OBJECT_PARENT(output.element());
+}
+
+void CaptureSession::addOutput(std::shared_ptr<VideoDataOutput> output)
+{
+    m_output = std::move(output);
+    gst_bin_add(GST_BIN(m_pipeline), m_output->element());
+    linkIfComplete();
+}
+
+void CaptureSession::linkIfComplete()
+{
+    if (m_input && m_output)
+        gst_element_link(m_input->element(), m_output->element());
+}
+
+bool CaptureSession::startRunning(QString *error)
+{
+    const GstStateChangeReturn result = gst_element_set_state(m_pipeline, GST_STATE_PLAYING);
+    std::lock_guard lock(m_relay->mutex);
+    if (result == GST_STATE_CHANGE_FAILURE || !m_relay->firstError.isEmpty()) {
+        if (error)
+            *error = m_relay->firstError.isEmpty() ? QStringLiteral("the capture pipeline cannot start")
+                                                   : m_relay->firstError;
+        m_running = false;
+        return false;
+    }
+    m_relay->forwarding = true;
+    m_running = true;
+    return true;
+}
+
+void CaptureSession::setRuntimeErrorHandler(std::function<void(const QString &)> handler)
+{
+    std::lock_guard lock(m_relay->mutex);
+    m_relay->handler = std::move(handler);
+}
+
+} // namespace vistrel::camera

@@ -1,0 +1,272 @@
+#include "camera/MoviePlayer.h"
+
+#include "camera/SampleImage.h"
+
+#include <QCoreApplication>
+#include <QFileInfo>
+#include <QMetaObject>
+#include <QThreadPool>
+#include <QUrl>
+#include <gst/app/gstappsink.h>
+#include <gst/gst.h>
+#include <mutex>
+
+namespace vistrel::camera {
+namespace {
+
+// playbin's GstPlayFlags: decode video only. Audio and subtitles are never decoded;
+// the virtual camera carries no sound.
+constexpr guint kPlayVideoOnly = 1u << 0;
+
+// Hardware decoders (VA-API, V4L2 stateless, NVDEC...) cannot run backwards. Taking
+// them out of autoplugging once for the process leaves playbin the software ones.
+void preferSoftwareDecoders()
+{
+    static std::once_flag once;
+    std::call_once(once, [] {
+        GList *factories = gst_element_factory_list_get_elements(GST_ELEMENT_FACTORY_TYPE_DECODER,
+                                                                 GST_RANK_NONE);
+        for (GList *item = factories; item; item = item->next) {
+            auto *factory = GST_ELEMENT_FACTORY(item->data);
+            const gchar *klass = gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS);
+            if (klass && g_strrstr(klass, "Hardware"))
+                gst_plugin_feature_set_rank(GST_PLUGIN_FEATURE(factory), GST_RANK_NONE);
+        }
+        gst_plugin_feature_list_free(factories);
+    });
+}
+
+void stopAndFreeOnWorker(GstElement *pipeline)
+{
+    QThreadPool::globalInstance()->start([pipeline] {
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        gst_object_unref(pipeline);
+    });
+}
+
+} // namespace
+
+// --- PlayerItemVideoOutput -------------------------------------------------------
+
+PlayerItemVideoOutput::PlayerItemVideoOutput()
+{
+    m_sink = gst_element_factory_make("appsink", nullptr);
+    if (!m_sink)
+        qFatal("PlayerItemVideoOutput: GStreamer has no appsink");
+    gst_object_ref_sink(m_sink);
+    GstCaps *caps = gst_caps_from_string(kPictureCaps);
+    g_object_set(m_sink, "caps", caps, "max-buffers", 1u, "drop", TRUE, "sync", TRUE, "enable-last-sample", FALSE,
+                 nullptr);
+    gst_caps_unref(caps);
+}
+
+PlayerItemVideoOutput::~PlayerItemVideoOutput() { gst_object_unref(m_sink); }
+
+std::shared_ptr<GstSample> PlayerItemVideoOutput::copyPixelBuffer()
+{
+    // With one buffer at most and old ones dropped, what is queued is the newest frame.
+    GstSample *sample = gst_app_sink_try_pull_sample(GST_APP_SINK(m_sink), 0);
+    if (!sample)
+        return nullptr;
+    return std::shared_ptr<GstSample>(sample, gst_sample_unref);
+}
+
+// --- PlayerItem ------------------------------------------------------------------
+
+PlayerItem::PlayerItem(const QString &filePath)
+    : m_uri(QUrl::fromLocalFile(QFileInfo(filePath).absoluteFilePath()).toString(QUrl::FullyEncoded))
+{
+}
+
+void PlayerItem::addOutput(std::shared_ptr<PlayerItemVideoOutput> output) { m_outputs.push_back(std::move(output)); }
+
+void PlayerItem::removeOutput(const std::shared_ptr<PlayerItemVideoOutput> &output)
+{
+    std::erase(m_outputs, output);
+}
+
+// --- MoviePlayer -----------------------------------------------------------------
+
+// Carries bus messages from the streaming threads to the player on the main thread.
+// The player detaches itself when it goes away; later messages are dropped.
+struct MoviePlayer::BusRelay
+{
+    std::mutex mutex;
+    MoviePlayer *player = nullptr;           // main thread only
+    std::shared_ptr<PlayerItem> item;        // read under mutex
+};
+
+namespace {
+
+void onMainThread(const std::shared_ptr<MoviePlayer::BusRelay> &relay, std::function<void(MoviePlayer &)> action)
+{
+    std::weak_ptr<MoviePlayer::BusRelay> weak = relay;
+    QMetaObject::invokeMethod(
+        QCoreApplication::instance(),
+        [weak, action = std::move(action)] {
+            if (auto alive = weak.lock(); alive && alive->player)
+                action(*alive->player);
+        },
+        Qt::QueuedConnection);
+}
+
+void releaseRelayReference(gpointer data) { delete static_cast<std::shared_ptr<MoviePlayer::BusRelay> *>(data); }
+
+} // namespace
+
+MoviePlayer::MoviePlayer(std::shared_ptr<PlayerItem> item) : m_item(std::move(item)), m_relay(std::make_shared<BusRelay>())
+{
+    preferSoftwareDecoders();
+    m_relay->player = this;
+    m_relay->item = m_item;
+
+    m_playbin = gst_element_factory_make("playbin", nullptr);
+    if (!m_playbin)
+        qFatal("MoviePlayer: GStreamer has no playbin");
+    gst_object_ref_sink(m_playbin);
+    GstElement *videoSink = m_item->outputs().empty() ? gst_element_factory_make("fakesink", nullptr)
+                                                      : m_item->outputs().front()->sink();
+    GstElement *audioSink = gst_element_factory_make("fakesink", nullptr);
+    g_object_set(m_playbin, "uri", m_item->uri().toUtf8().constData(), "flags", kPlayVideoOnly, "video-sink",
+                 videoSink, "audio-sink", audioSink, nullptr);
+
+    GstBus *bus = gst_pipeline_get_bus(GST_PIPELINE(m_playbin));
+    gst_bus_set_sync_handler(
+        bus,
+        [](GstBus *, GstMessage *message, gpointer data) -> GstBusSyncReply {
+            const auto &relay = *static_cast<std::shared_ptr<BusRelay> *>(data);
+            switch (GST_MESSAGE_TYPE(message)) {
+            case GST_MESSAGE_ERROR: {
+                std::lock_guard lock(relay->mutex);
+                if (relay->item)
+                    relay->item->setStatus(PlayerItemStatus::Failed);
+                break;
+            }
+            case GST_MESSAGE_EOS:
+                onMainThread(relay, [](MoviePlayer &player) { player.onEndOfStream(); });
+                break;
+            case GST_MESSAGE_ASYNC_DONE:
+            case GST_MESSAGE_DURATION_CHANGED:
+                onMainThread(relay, [](MoviePlayer &player) { player.refreshDuration(); });
+                break;
+            default:
+                break;
+            }
+            return GST_BUS_DROP;
+        },
+        new std::shared_ptr<BusRelay>(m_relay), releaseRelayReference);
+    gst_object_unref(bus);
+}
+
+MoviePlayer::~MoviePlayer()
+{
+    releasePipeline();
+    m_relay->player = nullptr;
+}
+
+void MoviePlayer::releasePipeline()
+{
+    {
+        std::lock_guard lock(m_relay->mutex);
+        m_relay->item.reset();
+    }
+    if (m_playbin) {
+        stopAndFreeOnWorker(m_playbin);
+        m_playbin = nullptr;
+    }
+}
+
+void MoviePlayer::play()
+{
+    if (!m_playbin)
+        return;
+    if (gst_element_set_state(m_playbin, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        m_item->setStatus(PlayerItemStatus::Failed);
+        return;
+    }
+    m_rate = m_direction;
+}
+
+void MoviePlayer::pause()
+{
+    if (m_playbin)
+        gst_element_set_state(m_playbin, GST_STATE_PAUSED);
+    m_rate = 0.0;
+}
+
+void MoviePlayer::seekToZero()
+{
+    if (m_playbin && gst_element_seek_simple(m_playbin, GST_FORMAT_TIME,
+                                             GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE), 0)) {
+        m_direction = 1.0;
+        m_atEnd = false;
+    }
+}
+
+void MoviePlayer::replaceCurrentItem(std::nullptr_t)
+{
+    releasePipeline();
+    m_item.reset();
+    m_rate = 0.0;
+}
+
+std::int64_t MoviePlayer::currentTime() const
+{
+    if (m_atEnd && m_item)
+        return m_direction > 0 ? std::max<std::int64_t>(m_item->duration(), 0) : 0;
+    gint64 position = 0;
+    if (!m_playbin || !gst_element_query_position(m_playbin, GST_FORMAT_TIME, &position) || position < 0)
+        return 0;
+    return position;
+}
+
+void MoviePlayer::setRate(double rate)
+{
+    if (!m_playbin || rate == 0.0) {
+        m_rate = 0.0;
+        return;
+    }
+    const auto flags = GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
+    gboolean accepted = FALSE;
+    if (rate > 0) {
+        accepted = gst_element_seek(m_playbin, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, currentTime(),
+                                    GST_SEEK_TYPE_NONE, GST_CLOCK_TIME_NONE);
+    } else {
+        // Backwards runs from the stop position down to the start. Stopping at the
+        // exact duration keeps the last frame on every demuxer measured.
+        refreshDuration();
+        const std::int64_t end = m_item && m_item->duration() > 0 ? m_item->duration() : currentTime();
+        accepted = gst_element_seek(m_playbin, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, 0,
+                                    GST_SEEK_TYPE_SET, end);
+    }
+    if (!accepted) {
+        // The player is left where it stopped; a stalled end shows as rate 0.
+        m_rate = 0.0;
+        return;
+    }
+    m_rate = rate;
+    m_direction = rate > 0 ? 1.0 : -1.0;
+    m_atEnd = false;
+}
+
+void MoviePlayer::setDidPlayToEndHandler(std::function<void()> handler) { m_didPlayToEnd = std::move(handler); }
+
+void MoviePlayer::onEndOfStream()
+{
+    m_atEnd = true;
+    refreshDuration();
+    if (m_didPlayToEnd)
+        m_didPlayToEnd();
+}
+
+void MoviePlayer::refreshDuration()
+{
+    gint64 duration = -1;
+    if (m_item && m_playbin && gst_element_query_duration(m_playbin, GST_FORMAT_TIME, &duration) && duration > 0) {
+        m_item->setDuration(duration);
+        if (m_item->status() == PlayerItemStatus::Unknown)
+            m_item->setStatus(PlayerItemStatus::ReadyToPlay);
+    }
+}
+
+} // namespace vistrel::camera
