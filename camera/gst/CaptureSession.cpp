@@ -58,26 +58,48 @@ GstFlowReturn deliverSample(GstAppSink *sink, gpointer data)
 
 void releaseSlotReference(gpointer data) { delete static_cast<std::shared_ptr<VideoDataOutput::DelegateSlot> *>(data); }
 
+void linkDecodedPad(GstElement *, GstPad *pad, gpointer converter)
+{
+    GstPad *sinkPad = gst_element_get_static_pad(GST_ELEMENT(converter), "sink");
+    if (!gst_pad_is_linked(sinkPad))
+        gst_pad_link(pad, sinkPad);
+    gst_object_unref(sinkPad);
+}
+
+GstElement *makeElement(const char *factory)
+{
+    GstElement *element = gst_element_factory_make(factory, nullptr);
+    // Only a broken GStreamer installation gets here.
+    if (!element)
+        qFatal("VideoDataOutput: GStreamer has no %s element", factory);
+    return element;
+}
+
 } // namespace
 
 VideoDataOutput::VideoDataOutput() : m_slot(std::make_shared<DelegateSlot>())
 {
-    const QByteArray description = QByteArrayLiteral("decodebin ! videoconvert ! ") + kPictureCaps
-                                   + QByteArrayLiteral(" ! appsink name=sink max-buffers=1 drop=true sync=false");
-    GError *parseError = nullptr;
-    m_bin = gst_parse_bin_from_description(description.constData(), TRUE, &parseError);
-    if (!m_bin) {
-        // Only a broken GStreamer installation (no decodebin or videoconvert) gets here.
-        qFatal("VideoDataOutput: cannot build the conversion bin: %s", parseError ? parseError->message : "?");
-    }
+    m_bin = gst_bin_new("video-data-output");
     gst_object_ref_sink(m_bin);
+    GstElement *decoder = makeElement("decodebin");
+    GstElement *converter = makeElement("videoconvert");
+    GstElement *sink = makeElement("appsink");
+    GstCaps *caps = gst_caps_from_string(kPictureCaps);
+    g_object_set(sink, "caps", caps, "max-buffers", 1u, "drop", TRUE, "sync", FALSE, "enable-last-sample", FALSE,
+                 nullptr);
+    gst_caps_unref(caps);
+    gst_bin_add_many(GST_BIN(m_bin), decoder, converter, sink, nullptr);
+    gst_element_link(converter, sink);
+    // decodebin shows its decoded pad once it knows what the camera sends.
+    g_signal_connect(decoder, "pad-added", G_CALLBACK(linkDecodedPad), converter);
+    GstPad *decoderSink = gst_element_get_static_pad(decoder, "sink");
+    gst_element_add_pad(m_bin, gst_ghost_pad_new("sink", decoderSink));
+    gst_object_unref(decoderSink);
 
-    GstElement *sink = gst_bin_get_by_name(GST_BIN(m_bin), "sink");
     GstAppSinkCallbacks callbacks{};
     callbacks.new_sample = deliverSample;
     gst_app_sink_set_callbacks(GST_APP_SINK(sink), &callbacks, new std::shared_ptr<DelegateSlot>(m_slot),
                                releaseSlotReference);
-    gst_object_unref(sink);
 }
 
 VideoDataOutput::~VideoDataOutput()

@@ -1,0 +1,63 @@
+// Freeze and the one-second shutter, driven through the real buttons and Qt's event
+// loop; the one flag they share decides what the capture path takes.
+#include "ControllerFixture.h"
+
+namespace vistrel::test {
+namespace {
+
+using EffectsTest = ControllerFixture;
+
+TEST_F(EffectsTest, FreezeButtonTogglesTheFlagAndItsTitle)
+{
+    startCamera();
+    vc->freezeButton->click();
+    EXPECT_TRUE(vc->isFrozen);
+    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Unfreeze"));
+    vc->freezeButton->click();
+    EXPECT_FALSE(vc->isFrozen);
+    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Freeze"));
+}
+
+TEST_F(EffectsTest, ShutterAlternatesEverySecondFreezeShiftsThePhaseAndStoppingLeavesItLive)
+{
+    startCamera();
+    ConsoleCapture console;
+
+    vc->shutterButton->click();
+    EXPECT_EQ(vc->shutterButton->text(), QStringLiteral("Stop"));
+    EXPECT_FALSE(vc->isFrozen) << "the first switch comes one second later";
+    QTest::qWait(700);
+    EXPECT_FALSE(vc->isFrozen);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return vc->isFrozen.load(); }, 600));
+
+    // Freeze while the shutter runs inverts the current phase.
+    vc->freezeButton->click();
+    EXPECT_FALSE(vc->isFrozen);
+    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Freeze")) << "the title follows the old flag value";
+    EXPECT_TRUE(QTest::qWaitFor([&] { return vc->isFrozen.load(); }, 1300));
+
+    // Stopping while frozen: live at once, and nothing ticks any more.
+    vc->shutterButton->click();
+    EXPECT_FALSE(vc->isFrozen);
+    EXPECT_EQ(vc->shutterButton->text(), QStringLiteral("Stutter"));
+    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Freeze"));
+    QTest::qWait(1200);
+    EXPECT_FALSE(vc->isFrozen);
+
+    EXPECT_EQ(console.lines(), (QStringList{QStringLiteral("Shutter activé : effet freeze toutes les 1s"),
+                                            QStringLiteral("Shutter désactivé")}));
+}
+
+TEST_F(EffectsTest, StoppingTheShutterKeepsTheFreezeButtonsLastTitle)
+{
+    startCamera();
+    vc->freezeButton->click(); // frozen, "Unfreeze"
+    vc->shutterButton->click();
+    vc->shutterButton->click();
+    EXPECT_FALSE(vc->isFrozen);
+    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Unfreeze"));
+    EXPECT_EQ(vc->shutterButton->text(), QStringLiteral("Stutter"));
+}
+
+} // namespace
+} // namespace vistrel::test
