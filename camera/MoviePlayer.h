@@ -79,11 +79,14 @@ public:
     // Only "no item" is supported: it stops the pipeline and forgets the item.
     void replaceCurrentItem(std::nullptr_t);
 
-    // The playback position in nanoseconds: the item's end (or start, backwards) once
-    // the stream has ended there, 0 when unknown.
+    // The playback position in nanoseconds: the item's end (or start, backwards) from
+    // the moment the stream ended there until a picture flows again, 0 when unknown.
     std::int64_t currentTime() const;
-    // 0 while paused, and when the last change of direction could not be made.
-    double rate() const { return m_rate; }
+    // 0 while paused, when the last change of direction was refused, and when the
+    // player has sat at an end without a picture for longer than the stall timeout
+    // after turning (some demuxers accept a backwards seek and then send nothing).
+    double rate() const;
+    void setStallTimeout(int milliseconds) { m_stallTimeoutMs = milliseconds; }
     // Changes speed and direction by a flushing, accurate seek: forwards from the
     // current position, backwards from the item's end (or the current position
     // when the end is not known) towards 0.
@@ -104,9 +107,18 @@ private:
     GstElement *m_playbin = nullptr;
     std::shared_ptr<BusRelay> m_relay;
     std::function<void()> m_didPlayToEnd;
+    bool sitsAtEnd() const;
+
     double m_rate = 0.0;
     double m_direction = 1.0;
+    // Set when the stream ends; cleared by the first picture after that.
     bool m_atEnd = false;
+    std::int64_t m_endPosition = 0;
+    std::uint64_t m_picturesAtEnd = 0;
+    std::int64_t m_turnedAtMs = -1;
+    // Long enough for the slowest backwards start measured (a 1080p H.264 file with a
+    // single keyframe shows its first backwards picture after about 5 s).
+    int m_stallTimeoutMs = 8000;
 };
 
 } // namespace vistrel::camera

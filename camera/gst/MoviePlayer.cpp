@@ -9,6 +9,7 @@
 #include <QUrl>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
+#include <chrono>
 #include <mutex>
 
 namespace vistrel::camera {
@@ -34,6 +35,12 @@ void preferSoftwareDecoders()
         }
         gst_plugin_feature_list_free(factories);
     });
+}
+
+std::int64_t steadyMilliseconds()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 void stopAndFreeOnWorker(GstElement *pipeline)
@@ -94,6 +101,7 @@ struct MoviePlayer::BusRelay
     std::mutex mutex;
     MoviePlayer *player = nullptr;           // main thread only
     std::shared_ptr<PlayerItem> item;        // read under mutex
+    std::atomic<std::uint64_t> pictures{0};  // buffers that reached the video sink
 };
 
 namespace {
@@ -129,6 +137,16 @@ MoviePlayer::MoviePlayer(std::shared_ptr<PlayerItem> item) : m_item(std::move(it
     GstElement *audioSink = gst_element_factory_make("fakesink", nullptr);
     g_object_set(m_playbin, "uri", m_item->uri().toUtf8().constData(), "flags", kPlayVideoOnly, "video-sink",
                  videoSink, "audio-sink", audioSink, nullptr);
+
+    GstPad *videoPad = gst_element_get_static_pad(videoSink, "sink");
+    gst_pad_add_probe(
+        videoPad, GST_PAD_PROBE_TYPE_BUFFER,
+        [](GstPad *, GstPadProbeInfo *, gpointer data) -> GstPadProbeReturn {
+            (*static_cast<std::shared_ptr<BusRelay> *>(data))->pictures.fetch_add(1, std::memory_order_relaxed);
+            return GST_PAD_PROBE_OK;
+        },
+        new std::shared_ptr<BusRelay>(m_relay), releaseRelayReference);
+    gst_object_unref(videoPad);
 
     GstBus *bus = gst_pipeline_get_bus(GST_PIPELINE(m_playbin));
     gst_bus_set_sync_handler(
@@ -200,6 +218,7 @@ void MoviePlayer::seekToZero()
                                              GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE), 0)) {
         m_direction = 1.0;
         m_atEnd = false;
+        m_turnedAtMs = -1;
     }
 }
 
@@ -210,10 +229,22 @@ void MoviePlayer::replaceCurrentItem(std::nullptr_t)
     m_rate = 0.0;
 }
 
+bool MoviePlayer::sitsAtEnd() const
+{
+    return m_atEnd && m_relay->pictures.load(std::memory_order_relaxed) == m_picturesAtEnd;
+}
+
+double MoviePlayer::rate() const
+{
+    if (m_turnedAtMs >= 0 && sitsAtEnd() && steadyMilliseconds() - m_turnedAtMs > m_stallTimeoutMs)
+        return 0.0;
+    return m_rate;
+}
+
 std::int64_t MoviePlayer::currentTime() const
 {
-    if (m_atEnd && m_item)
-        return m_direction > 0 ? std::max<std::int64_t>(m_item->duration(), 0) : 0;
+    if (sitsAtEnd())
+        return m_endPosition;
     gint64 position = 0;
     if (!m_playbin || !gst_element_query_position(m_playbin, GST_FORMAT_TIME, &position) || position < 0)
         return 0;
@@ -246,15 +277,25 @@ void MoviePlayer::setRate(double rate)
     }
     m_rate = rate;
     m_direction = rate > 0 ? 1.0 : -1.0;
-    m_atEnd = false;
+    if (m_atEnd)
+        m_turnedAtMs = steadyMilliseconds();
 }
 
 void MoviePlayer::setDidPlayToEndHandler(std::function<void()> handler) { m_didPlayToEnd = std::move(handler); }
 
 void MoviePlayer::onEndOfStream()
 {
-    m_atEnd = true;
     refreshDuration();
+    m_atEnd = true;
+    m_turnedAtMs = -1;
+    m_picturesAtEnd = m_relay->pictures.load(std::memory_order_relaxed);
+    if (m_item && m_direction > 0 && m_item->duration() < 0) {
+        // A stream that never told its length (a live recording) ends where it ended.
+        gint64 position = 0;
+        if (m_playbin && gst_element_query_position(m_playbin, GST_FORMAT_TIME, &position) && position > 0)
+            m_item->setDuration(position);
+    }
+    m_endPosition = m_direction > 0 ? std::max<std::int64_t>(m_item ? m_item->duration() : 0, 0) : 0;
     if (m_didPlayToEnd)
         m_didPlayToEnd();
 }

@@ -135,6 +135,24 @@ TEST_F(MovieSourceTest, UnplayableFilesReturnToTheCameraWithinATick)
     }
 }
 
+// Files that play forwards but cannot turn: a Matroska live recording (no index: the
+// backwards seek is refused) and an MPEG transport stream (the seek is taken, then
+// nothing comes). Both sit at their end and go back to the camera.
+TEST_F(MovieSourceTest, AnEndThatCannotTurnReturnsToTheCamera)
+{
+    const QStringList codec = h264() + QStringList{"-live", "1"};
+    for (const QString &path : {movie(QStringLiteral("live.mkv"), codec), movie(QStringLiteral("h264.ts"), h264())}) {
+        SCOPED_TRACE(path.toStdString());
+        ASSERT_FALSE(path.isEmpty());
+        open(path);
+        vc->player->setStallTimeout(300);
+        EXPECT_EQ(watchMovieColours(3, 3000), (QStringList{"yellow", "magenta", "cyan"}));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !vc->isPlayingVideo.load(); }, 2000));
+        EXPECT_FALSE(vc->player);
+        EXPECT_TRUE(waitForColour(QStringLiteral("red"), 1000));
+    }
+}
+
 TEST_F(MovieSourceTest, StopReturnsToTheCameraAndKeepsFreezeAsItWas)
 {
     open(movie(QStringLiteral("h264.mp4"), h264()));
