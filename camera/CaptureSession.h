@@ -53,8 +53,8 @@ private:
 };
 
 // One capture pipeline: a camera's source feeding a video data output. Each session
-// is its own pipeline with its own streaming thread. Releasing a session stops its
-// pipeline on a worker thread, so the main thread never waits for a device to close.
+// is its own pipeline with its own streaming thread. Starting and releasing happen on
+// threads of their own, so the main thread never waits for a device.
 class CaptureSession
 {
 public:
@@ -68,9 +68,12 @@ public:
     bool canAddOutput(const VideoDataOutput &output) const;
     void addOutput(std::shared_ptr<VideoDataOutput> output);
 
-    // Sets the pipeline playing. Answers false, with GStreamer's error text in *error,
-    // when it cannot start. An empty session starts (and delivers nothing).
-    bool startRunning(QString *error = nullptr);
+    // Sets the pipeline playing on a thread of its own (opening a camera can take a
+    // while), then calls `done` on the main thread: true once running, or false with
+    // GStreamer's error text. An empty session starts and delivers nothing. Nothing is
+    // called once the session is gone.
+    using StartHandler = std::function<void(bool running, const QString &error)>;
+    void startRunning(StartHandler done = nullptr);
     bool isRunning() const { return m_running; }
 
     // Called on the main thread with GStreamer's error text when the running pipeline

@@ -101,8 +101,10 @@ void ViewController::setupDefaultCapture()
 
     const QString errorPrefix = QStringLiteral("Erreur lors de la configuration de la caméra : ");
     captureSession->setRuntimeErrorHandler([errorPrefix](const QString &text) { consoleLine(errorPrefix + text); });
-    if (!captureSession->startRunning(&error))
-        consoleLine(errorPrefix + error);
+    captureSession->startRunning([errorPrefix](bool running, const QString &failure) {
+        if (!running)
+            consoleLine(errorPrefix + failure);
+    });
 }
 
 void ViewController::configureCapture(const camera::CameraDevice &device)
@@ -131,8 +133,10 @@ void ViewController::configureCapture(const camera::CameraDevice &device)
     }
 
     captureSession->setRuntimeErrorHandler([errorPrefix](const QString &text) { consoleLine(errorPrefix + text); });
-    if (!captureSession->startRunning(&error))
-        consoleLine(errorPrefix + error);
+    captureSession->startRunning([errorPrefix](bool running, const QString &failure) {
+        if (!running)
+            consoleLine(errorPrefix + failure);
+    });
 }
 
 // Streaming thread. Reads the two flags without locking: a frame that races with a

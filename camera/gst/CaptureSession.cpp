@@ -4,12 +4,17 @@
 
 #include <QCoreApplication>
 #include <QMetaObject>
-#include <QThreadPool>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <mutex>
+#include <thread>
 
 namespace vistrel::camera {
+
+namespace {
+// Caps features (ANY) must not appear here: PipeWire then never links the stream.
+constexpr const char *kCameraStreamCaps = "video/x-raw; image/jpeg; video/x-h264";
+}
 
 // --- CaptureDeviceInput ----------------------------------------------------------
 
@@ -125,6 +130,11 @@ struct CaptureSession::BusRelay
     QString firstError;
     bool forwarding = false;
     std::function<void(const QString &)> handler;
+    CaptureSession *session = nullptr; // main thread only
+    // Serialises the start and the release of the pipeline, so that a start still
+    // under way is never overtaken by the release.
+    std::mutex stateMutex;
+    bool released = false;
 };
 
 namespace {
@@ -142,8 +152,8 @@ GstBusSyncReply relayBusMessage(GstBus *, GstMessage *message, gpointer data)
 {
     if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR)
         return GST_BUS_DROP;
-    std::weak_ptr<CaptureSession::BusRelay> weakRelay = *static_cast<std::shared_ptr<CaptureSession::BusRelay> *>(data);
-    auto relay = weakRelay.lock();
+    const auto &relay = *static_cast<std::shared_ptr<CaptureSession::BusRelay> *>(data);
+    std::weak_ptr<CaptureSession::BusRelay> weakRelay = relay;
     const QString text = takeErrorText(message);
     std::lock_guard lock(relay->mutex);
     if (!relay->forwarding) {
@@ -156,7 +166,7 @@ GstBusSyncReply relayBusMessage(GstBus *, GstMessage *message, gpointer data)
         QCoreApplication::instance(),
         [weakRelay, text] {
             auto alive = weakRelay.lock();
-            if (!alive)
+            if (!alive || !alive->session)
                 return;
             std::function<void(const QString &)> handler;
             {
@@ -176,6 +186,7 @@ void releaseRelayReference(gpointer data) { delete static_cast<std::shared_ptr<C
 
 CaptureSession::CaptureSession() : m_relay(std::make_shared<BusRelay>())
 {
+    m_relay->session = this;
     m_pipeline = gst_pipeline_new("capture-session");
     gst_object_ref_sink(m_pipeline);
     GstBus *bus = gst_pipeline_get_bus(GST_PIPELINE(m_pipeline));
@@ -185,18 +196,18 @@ CaptureSession::CaptureSession() : m_relay(std::make_shared<BusRelay>())
 
 CaptureSession::~CaptureSession()
 {
+    m_relay->session = nullptr;
     {
         std::lock_guard lock(m_relay->mutex);
         m_relay->forwarding = false;
         m_relay->handler = nullptr;
     }
-    // Closing a camera can take a while (a driver, a PipeWire round trip): the pipeline
-    // winds down on a worker thread and is freed there.
-    GstElement *pipeline = m_pipeline;
-    QThreadPool::globalInstance()->start([pipeline] {
+    std::thread([relay = m_relay, pipeline = m_pipeline] {
+        std::lock_guard lock(relay->stateMutex);
+        relay->released = true;
         gst_element_set_state(pipeline, GST_STATE_NULL);
         gst_object_unref(pipeline);
-    });
+    }).detach();
 }
 
 bool CaptureSession::canAddInput(const CaptureDeviceInput &input) const
@@ -225,24 +236,48 @@ void CaptureSession::addOutput(std::shared_ptr<VideoDataOutput> output)
 
 void CaptureSession::linkIfComplete()
 {
-    if (m_input && m_output)
-        gst_element_link(m_input->element(), m_output->element());
+    // Only the kind of stream is constrained (video, raw or compressed), never its size,
+    // format or rate: some sources (PipeWire) are linked only once a reader says it
+    // wants video.
+    if (m_input && m_output) {
+        GstCaps *video = gst_caps_from_string(kCameraStreamCaps);
+        gst_element_link_filtered(m_input->element(), m_output->element(), video);
+        gst_caps_unref(video);
+    }
 }
 
-bool CaptureSession::startRunning(QString *error)
+void CaptureSession::startRunning(StartHandler done)
 {
-    const GstStateChangeReturn result = gst_element_set_state(m_pipeline, GST_STATE_PLAYING);
-    std::lock_guard lock(m_relay->mutex);
-    if (result == GST_STATE_CHANGE_FAILURE || !m_relay->firstError.isEmpty()) {
-        if (error)
-            *error = m_relay->firstError.isEmpty() ? QStringLiteral("the capture pipeline cannot start")
-                                                   : m_relay->firstError;
-        m_running = false;
-        return false;
-    }
-    m_relay->forwarding = true;
-    m_running = true;
-    return true;
+    GstElement *pipeline = GST_ELEMENT(gst_object_ref(m_pipeline));
+    std::thread([relay = m_relay, pipeline, done = std::move(done)] {
+        bool running = false;
+        QString error;
+        {
+            std::lock_guard stateLock(relay->stateMutex);
+            if (!relay->released) {
+                const GstStateChangeReturn result = gst_element_set_state(pipeline, GST_STATE_PLAYING);
+                std::lock_guard lock(relay->mutex);
+                running = result != GST_STATE_CHANGE_FAILURE && relay->firstError.isEmpty();
+                if (!running)
+                    error = relay->firstError.isEmpty() ? QStringLiteral("the capture pipeline cannot start")
+                                                        : relay->firstError;
+                relay->forwarding = running;
+            }
+        }
+        gst_object_unref(pipeline);
+        std::weak_ptr<BusRelay> weak = relay;
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [weak, running, error, done] {
+                auto alive = weak.lock();
+                if (!alive || !alive->session)
+                    return;
+                alive->session->m_running = running;
+                if (done)
+                    done(running, error);
+            },
+            Qt::QueuedConnection);
+    }).detach();
 }
 
 void CaptureSession::setRuntimeErrorHandler(std::function<void(const QString &)> handler)

@@ -1,11 +1,11 @@
 #include "camera/MoviePlayer.h"
 
 #include "camera/SampleImage.h"
+#include "camera/gst/PipelineRelease.h"
 
 #include <QCoreApplication>
 #include <QFileInfo>
 #include <QMetaObject>
-#include <QThreadPool>
 #include <QUrl>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
@@ -43,13 +43,6 @@ std::int64_t steadyMilliseconds()
         .count();
 }
 
-void stopAndFreeOnWorker(GstElement *pipeline)
-{
-    QThreadPool::globalInstance()->start([pipeline] {
-        gst_element_set_state(pipeline, GST_STATE_NULL);
-        gst_object_unref(pipeline);
-    });
-}
 
 } // namespace
 
@@ -189,7 +182,7 @@ void MoviePlayer::releasePipeline()
         m_relay->item.reset();
     }
     if (m_playbin) {
-        stopAndFreeOnWorker(m_playbin);
+        releasePipelineInBackground(m_playbin);
         m_playbin = nullptr;
     }
 }

@@ -88,7 +88,7 @@ TEST_F(CameraCaptureTest, SameNamedCamerasAreChosenByIndexEachTimeWithAFreshSess
     const auto running = vc->captureSession;
     choose(red);
     EXPECT_NE(vc->captureSession, running);
-    EXPECT_TRUE(vc->captureSession->isRunning());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return vc->captureSession->isRunning(); }, 2000));
 
     const QString line = QStringLiteral("Caméra sélectionnée : Studio Camera");
     EXPECT_EQ(console.lines(), (QStringList{line, line, line}));
