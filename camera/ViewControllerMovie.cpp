@@ -45,7 +45,7 @@ void ViewController::playVideo(const QString &filePath)
     // while no file plays.
     auto *frameTimer = new QTimer(this);
     frameTimer->setTimerType(Qt::PreciseTimer);
-    frameTimer->setInterval(1000 / 24);
+    frameTimer->setInterval(qRound(1000.0 / 24)); // 1/24 s to the millisecond
     connect(frameTimer, &QTimer::timeout, this, &ViewController::updateVideoFrame);
     frameTimer->start();
 

@@ -75,6 +75,8 @@ struct Format
     QStringList codec;
 };
 
+void PrintTo(const Format &format, std::ostream *out) { *out << format.file; }
+
 class PlaysForwardsThenBackwards : public MovieSourceTest, public ::testing::WithParamInterface<Format>
 {
 };
