@@ -1,0 +1,150 @@
+#include "update/UpdateChecker.h"
+
+#include "app/Platform.h"
+#include "app/SystemLog.h"
+#include "app/UserDefaults.h"
+
+#include <QCoreApplication>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QNetworkRequest>
+#include <QRegularExpression>
+
+namespace vistrel {
+
+UpdateChecker::UpdateChecker(QUrl url, std::chrono::milliseconds transferTimeout, QObject *parent)
+    : QObject(parent), latestURL(std::move(url)), m_transferTimeout(transferTimeout)
+{
+}
+
+UpdateChecker::~UpdateChecker() = default;
+
+QUrl UpdateChecker::defaultLatestURL()
+{
+    const QString overridden = qEnvironmentVariable("VISTREL_UPDATE_URL");
+    return QUrl(overridden.isEmpty() ? QStringLiteral("https://vistrel.app/updates/latest.json") : overridden,
+                QUrl::StrictMode);
+}
+
+UpdateChecker &UpdateChecker::shared()
+{
+    // Lives as long as the application object, which owns it.
+    static QPointer<UpdateChecker> instance;
+    if (!instance) {
+        const QUrl url = defaultLatestURL();
+        if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty())
+            qFatal("UpdateChecker: the update feed URL \"%s\" cannot be used",
+                   qUtf8Printable(url.toString()));
+        instance = new UpdateChecker(url, kDefaultTimeout, QCoreApplication::instance());
+    }
+    return *instance;
+}
+
+qint64 UpdateChecker::currentBuildNumber(const Bundle &bundle)
+{
+    const QVariant version = bundle.infoDictionary.value(QStringLiteral("CFBundleVersion"));
+    if (version.typeId() != QMetaType::QString)
+        return 0;
+    // Sign and ASCII digits only: no spaces, no dots. toLongLong rejects overflow.
+    static const QRegularExpression integer(QRegularExpression::anchoredPattern(QStringLiteral("[+-]?[0-9]+")));
+    const QString text = version.toString();
+    if (!integer.match(text).hasMatch())
+        return 0;
+    bool ok = false;
+    const qint64 number = text.toLongLong(&ok, 10);
+    return ok ? number : 0;
+}
+
+void UpdateChecker::fetchLatest(QObject *context, std::function<void(std::optional<LatestResponse>)> done)
+{
+    if (!m_network)
+        m_network = new QNetworkAccessManager(this);
+    QNetworkRequest request(latestURL);
+    request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
+    request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
+    request.setTransferTimeout(static_cast<int>(m_transferTimeout.count()));
+
+    QNetworkReply *reply = m_network->get(request);
+    QPointer<QObject> guard(context);
+    const bool hasContext = context != nullptr;
+    connect(reply, &QNetworkReply::finished, this, [reply, guard, hasContext, done = std::move(done)] {
+        reply->deleteLater();
+        if (hasContext && !guard)
+            return;
+        const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+        if (reply->error() != QNetworkReply::NoError || !status.isValid() || status.toInt() != 200) {
+            done(std::nullopt);
+            return;
+        }
+        done(LatestResponse::decode(reply->readAll()));
+    });
+}
+
+void UpdateChecker::checkForUpdates(const Services &services, QObject *context)
+{
+    const qint64 current = currentBuildNumber(services.bundle);
+    fetchLatest(context, [this, services, current](std::optional<LatestResponse> response) {
+        evaluate(services, current, response);
+        Q_EMIT checkFinished();
+    });
+}
+
+void UpdateChecker::evaluate(const Services &services, qint64 current, const std::optional<LatestResponse> &response)
+{
+    if (!response) {
+        systemLog(QStringLiteral("update check: fetch failed or no response"));
+        return;
+    }
+    systemLog(QStringLiteral("update check: current=") + QString::number(current) + QStringLiteral(" latest=")
+              + QString::number(response->latestBuild) + QStringLiteral(" min=")
+              + QString::number(response->minimumBuild.value_or(0)));
+
+    if (response->minimumBuild && current < *response->minimumBuild) {
+        showUpdateRequiredAlert(services, *response);
+        return;
+    }
+    if (current < response->latestBuild
+        && services.defaults->integerForKey(dismissedBuildKey) < response->latestBuild)
+        showUpdateAvailableAlert(services, *response);
+}
+
+void UpdateChecker::showUpdateAvailableAlert(const Services &services, const LatestResponse &response)
+{
+    AlertSpec alert;
+    alert.title = QStringLiteral("Vistrel ") + response.latestShortVersion + QStringLiteral(" is available");
+    alert.text = response.releaseNotes.value_or(
+        QStringLiteral("A newer version of Vistrel is available. Download it to get the latest features and fixes."));
+    alert.style = AlertStyle::Informational;
+    alert.buttons = {QStringLiteral("Download"), QStringLiteral("Later")};
+    if (services.alerts->runModal(alert) == 0) {
+        // Not remembered: the offer returns at the next launch until the build is installed.
+        openDownloadPage(services, response);
+        return;
+    }
+    services.defaults->setInteger(dismissedBuildKey, response.latestBuild);
+    services.defaults->sync();
+}
+
+void UpdateChecker::showUpdateRequiredAlert(const Services &services, const LatestResponse &response)
+{
+    AlertSpec alert;
+    alert.title = QStringLiteral("Update required");
+    alert.text = QStringLiteral("This version of Vistrel is no longer supported. Please install Vistrel ")
+                 + response.latestShortVersion + QStringLiteral(" to continue.");
+    alert.style = AlertStyle::Critical;
+    alert.buttons = {QStringLiteral("Download"), QStringLiteral("Quit")};
+    if (services.alerts->runModal(alert) == 0)
+        openDownloadPage(services, response);
+    // An unsupported build is not kept running, whichever button was pressed.
+    services.application->terminate();
+}
+
+void UpdateChecker::openDownloadPage(const Services &services, const LatestResponse &response)
+{
+    const QUrl url(response.downloadURL, QUrl::StrictMode);
+    if (!url.isValid() || url.isEmpty())
+        return;
+    services.urlOpener->openUrl(url);
+}
+
+} // namespace vistrel

@@ -1,0 +1,66 @@
+#pragma once
+#include "app/Services.h"
+#include "update/LatestResponse.h"
+
+#include <QObject>
+#include <QPointer>
+#include <QUrl>
+#include <chrono>
+#include <functional>
+#include <optional>
+
+class QNetworkAccessManager;
+
+namespace vistrel {
+
+// Asks the update feed for the newest build and offers it, or insists on it when
+// this build is no longer supported. Keeps no state between checks; the only thing
+// remembered across launches is the build the user put off ("Later").
+class UpdateChecker : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr std::chrono::milliseconds kDefaultTimeout{10000};
+
+    explicit UpdateChecker(QUrl latestURL, std::chrono::milliseconds transferTimeout = kDefaultTimeout,
+                           QObject *parent = nullptr);
+    ~UpdateChecker() override;
+
+    // The process-wide checker, made on first use: the feed named by
+    // VISTREL_UPDATE_URL, else the vendor's. An unusable URL stops the program.
+    static UpdateChecker &shared();
+    static QUrl defaultLatestURL();
+
+    // Fields, in declaration order.
+    const QUrl latestURL;
+    const QString dismissedBuildKey = QStringLiteral("updateCheckerDismissedBuild");
+
+    // This program's build number ("CFBundleVersion"), 0 when absent or not a
+    // base-10 integer.
+    static qint64 currentBuildNumber(const Bundle &bundle);
+
+    // GET the feed, bypassing any cache. `done` runs on the main thread with the
+    // decoded record, or nothing for a transport error, a stalled transfer, a
+    // status other than 200 or a body that does not decode. Dropped when `context`
+    // goes away first.
+    void fetchLatest(QObject *context, std::function<void(std::optional<LatestResponse>)> done);
+
+    // One check: fetch, log, compare, and run the alert the result calls for.
+    // Returns at once; checkFinished() is emitted when the check is over.
+    void checkForUpdates(const Services &services, QObject *context = nullptr);
+
+    void showUpdateAvailableAlert(const Services &services, const LatestResponse &response);
+    void showUpdateRequiredAlert(const Services &services, const LatestResponse &response);
+    void openDownloadPage(const Services &services, const LatestResponse &response);
+
+Q_SIGNALS:
+    void checkFinished();
+
+private:
+    void evaluate(const Services &services, qint64 current, const std::optional<LatestResponse> &response);
+
+    std::chrono::milliseconds m_transferTimeout;
+    QPointer<QNetworkAccessManager> m_network;
+};
+
+} // namespace vistrel
