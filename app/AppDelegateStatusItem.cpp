@@ -1,16 +1,132 @@
 // The status item and window toggling.
 #include "app/AppDelegate.h"
 
-namespace vistrel {
+#include "app/MainWindowController.h"
+#include "app/Platform.h"
+#include "app/WindowPlacement.h"
+#include "onboarding/OnboardingManager.h"
 
-// The status item is not wired yet: launch creates no tray icon until it lands.
-void AppDelegate::setupStatusItem() {}
-void AppDelegate::statusItemClicked() {}
-void AppDelegate::toggleMainWindowFromStatusItem() {}
-void AppDelegate::showMainWindowBelowStatusItem() {}
-void AppDelegate::windowDidResignKey(QWidget *) {}
-void AppDelegate::positionWindowBelowStatusItem(QWidget *) {}
-void AppDelegate::resetOnboarding() {}
-void AppDelegate::showInfoAlert(const QString &, const QString &) {}
+#include <QAbstractButton>
+#include <QGuiApplication>
+#include <QIcon>
+#include <QScreen>
+#include <QSystemTrayIcon>
+#include <QWidget>
+
+namespace vistrel {
+namespace {
+
+// A click this soon after the window was hidden is the click that hid it.
+constexpr double kDebounceSeconds = 0.3;
+// Clock readings are doubles: 1000.3 − 1000.0 is a hair under 0.3, which must not
+// count as inside the debounce.
+constexpr double kClockTolerance = 1e-6;
+
+} // namespace
+
+void AppDelegate::setupStatusItem()
+{
+    statusItem = std::make_unique<QSystemTrayIcon>();
+    QIcon snowflake(QStringLiteral(":/images/snowflake.svg"));
+    if (!snowflake.pixmap(QSize(22, 22)).isNull()) {
+        // Monochrome: trays that tint symbolic icons may recolour it.
+        snowflake.setIsMask(true);
+        statusItem->setIcon(snowflake);
+    }
+    statusItem->setToolTip(QStringLiteral("Vistrel"));
+    // No menu: every left click goes to the action.
+    connect(statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+        if (reason == QSystemTrayIcon::Trigger)
+            statusItemClicked();
+    });
+    statusItem->show();
+}
+
+void AppDelegate::statusItemClicked()
+{
+    toggleMainWindowFromStatusItem();
+}
+
+void AppDelegate::toggleMainWindowFromStatusItem()
+{
+    const double now = m_services.clock->now();
+    if (now - popupHideTimestamp < kDebounceSeconds - kClockTolerance)
+        return;
+
+    if (mainWindowController && mainWindowController->window()) {
+        QWidget *window = mainWindowController->window();
+        if (window->isVisible()) {
+            window->hide();
+            popupHideTimestamp = now;
+            return;
+        }
+        showMainWindowBelowStatusItem();
+        return;
+    }
+
+    prepareMainWindow();
+    // When the fallback window was shown instead, there is nothing more to do.
+    if (mainWindowController && mainWindowController->window())
+        showMainWindowBelowStatusItem();
+}
+
+void AppDelegate::showMainWindowBelowStatusItem()
+{
+    QWidget *window = mainWindowController->window();
+    // The window's own actions that belong to the delegate; connected once.
+    if (auto *reset = window->findChild<QAbstractButton *>(QStringLiteral("resetOnboardingButton")))
+        connect(reset, &QAbstractButton::clicked, this, &AppDelegate::resetOnboarding, Qt::UniqueConnection);
+
+    positionWindowBelowStatusItem(window);
+    m_services.application->activateIgnoringOtherApps();
+    window->show();
+    window->raise();
+    window->activateWindow();
+}
+
+void AppDelegate::windowDidResignKey(QWidget *sender)
+{
+    if (!sender || !mainWindowController)
+        return;
+    QWidget *window = mainWindowController->window();
+    // Hiding an active window deactivates it on the way out, while it still counts
+    // as visible; it is already marked hidden then, and that is not a loss of key.
+    if (!window || sender != window || !window->isVisible() || window->isHidden())
+        return;
+    window->hide();
+    popupHideTimestamp = m_services.clock->now();
+}
+
+void AppDelegate::positionWindowBelowStatusItem(QWidget *window)
+{
+    // Most Wayland trays, and no tray at all, give no icon geometry.
+    const QRect anchor = statusItem ? statusItem->geometry() : QRect();
+    if (anchor.isEmpty()) {
+        centerWindowOnScreen(window);
+        return;
+    }
+    QScreen *screen = QGuiApplication::screenAt(anchor.center());
+    if (!screen)
+        screen = QGuiApplication::primaryScreen();
+    std::optional<QRect> available;
+    if (screen)
+        available = screen->availableGeometry();
+    // The window is frameless, so its frame is its geometry; its size never changes here.
+    window->move(windowOriginBelowStatusItem(anchor, window->frameGeometry().size(), available));
+}
+
+void AppDelegate::resetOnboarding()
+{
+    // Only the completion flag: the extension record, the dismissed update and the
+    // running window all stay as they are until the next launch.
+    OnboardingManager(m_services).setOnboardingComplete(false);
+    showInfoAlert(QStringLiteral("Onboarding Reset"),
+                  QStringLiteral("Onboarding will be shown next time you launch the app."));
+}
+
+void AppDelegate::showInfoAlert(const QString &title, const QString &text)
+{
+    m_services.alerts->runModal({title, text, AlertStyle::Informational, {QStringLiteral("OK")}});
+}
 
 } // namespace vistrel
