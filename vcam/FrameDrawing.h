@@ -1,0 +1,13 @@
+#pragma once
+#include <QImage>
+
+namespace vistrel::vcam {
+
+class PixelBuffer;
+
+// Paints a picture over the whole buffer, stretched to its size whatever the picture's
+// own size or aspect ratio (no letterboxing, no cropping), with low-quality (nearest)
+// interpolation; mirrored left to right when asked.
+void drawFrame(PixelBuffer &buffer, const QImage &picture, bool mirror);
+
+} // namespace vistrel::vcam

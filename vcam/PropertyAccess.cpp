@@ -1,0 +1,91 @@
+#include "vcam/PropertyAccess.h"
+
+#include "app/SystemLog.h"
+
+namespace vistrel::vcam {
+
+namespace {
+
+PropertyAddress globalAddress(FourCharCode selector)
+{
+    return {selector, codes::scopeGlobal, codes::elementMain};
+}
+
+std::vector<ObjectID> readObjectList(VirtualCameraSystem &system, ObjectID object, FourCharCode selector)
+{
+    const PropertyAddress address = globalAddress(selector);
+    const std::uint32_t dataSize = system.getPropertyDataSize(object, address);
+    std::vector<ObjectID> objects(dataSize / sizeof(ObjectID), 0);
+    if (!objects.empty())
+        system.getPropertyData(object, address, dataSize, objects.data());
+    return objects;
+}
+
+// String properties hold one QString; it starts out empty so a failed read gives "".
+QString readStringProperty(VirtualCameraSystem &system, ObjectID object, const PropertyAddress &address)
+{
+    QString value;
+    const std::uint32_t dataSize = system.getPropertyDataSize(object, address);
+    system.getPropertyData(object, address, std::min<std::uint32_t>(dataSize, sizeof(QString)), &value);
+    return value;
+}
+
+} // namespace
+
+std::optional<ObjectID> findDeviceByUID(VirtualCameraSystem &system, const QString &uid)
+{
+    const PropertyAddress uidAddress = globalAddress(codes::deviceUID);
+    for (const ObjectID device : readObjectList(system, kSystemObject, codes::devices)) {
+        // Canonically equal strings match, whatever their Unicode composition.
+        if (readStringProperty(system, device, uidAddress).normalized(QString::NormalizationForm_C) ==
+            uid.normalized(QString::NormalizationForm_C))
+            return device;
+    }
+    return std::nullopt;
+}
+
+std::vector<ObjectID> getStreams(VirtualCameraSystem &system, ObjectID device)
+{
+    return readObjectList(system, device, codes::streams);
+}
+
+std::optional<QString> readJustProperty(VirtualCameraSystem &system, ObjectID stream)
+{
+    const PropertyAddress address = globalAddress(makeFourCharCode(QStringLiteral("just")));
+    if (!system.hasProperty(stream, address))
+        return std::nullopt;
+    return readStringProperty(system, stream, address);
+}
+
+void writeJustProperty(VirtualCameraSystem &system, ObjectID stream, const QString &value)
+{
+    const PropertyAddress address = globalAddress(makeFourCharCode(QStringLiteral("just")));
+    if (!system.hasProperty(stream, address) || !system.isPropertySettable(stream, address))
+        return;
+    // The size is the property's own data size: one whole string, never a prefix of it.
+    system.setPropertyData(stream, address, system.getPropertyDataSize(stream, address), &value);
+}
+
+std::optional<CaptureDevice> getDevice(VirtualCameraSystem &system, const QString &name)
+{
+    consoleLine(QStringLiteral("getDevice name= ") + name);
+    for (const CaptureDevice &device : system.captureDevices({CaptureDeviceType::ExternalUnknown})) {
+        if (device.localizedName == name)
+            return device;
+    }
+    return std::nullopt;
+}
+
+std::optional<CaptureDevice> findVirtualCameraCaptureDevice(VirtualCameraSystem &system)
+{
+    const auto devices =
+        system.captureDevices({CaptureDeviceType::BuiltInWideAngleCamera, CaptureDeviceType::ExternalUnknown});
+    for (const CaptureDevice &device : devices) {
+        if (device.localizedName == kVirtualCameraName)
+            return device;
+    }
+    consoleLine(QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée."));
+    return std::nullopt;
+}
+
+} // namespace vistrel::vcam
