@@ -9,6 +9,7 @@
 #include "camera/CameraAuthorization.h"
 #include "camera/DeviceMonitorDiscovery.h"
 #include "sysext/ExtensionProbes.h"
+#include "vcam/v4l2loopback/LoopbackSystem.h"
 
 #include <QApplication>
 #include <QTimer>
@@ -47,6 +48,7 @@ int main(int argc, char *argv[])
     camera::V4l2CameraAuthorization cameraAuthorization;
     camera::DeviceMonitorDiscovery cameraDiscovery;
     NoExtensionProbes extensionProbes;
+    vcam::LoopbackSystem virtualCamera;
 
     Services services;
     services.bundle = Bundle::main();
@@ -61,6 +63,7 @@ int main(int argc, char *argv[])
     services.cameraAuthorization = &cameraAuthorization;
     services.cameraDiscovery = &cameraDiscovery;
     services.extensionProbes = &extensionProbes;
+    services.virtualCamera = &virtualCamera;
 
     AppDelegate delegate(services);
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);

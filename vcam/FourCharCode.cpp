@@ -26,7 +26,7 @@ FourCharCode makeFourCharCode(const QString &text)
     const QByteArray utf8 = text.toUtf8();
     if (perceivedLength(text) != 4 || utf8.size() != 4) {
         consoleLine(QStringLiteral("FourCharCode: Can't initialize with '") + text +
-                    QStringLiteral("', only printable ASCII allowed. Setting to '?" "???'."));
+                    QStringLiteral("', only printable ASCII allowed. Setting to '" "????" "'."));
         return 0x3F3F3F3F;
     }
     FourCharCode code = 0;
