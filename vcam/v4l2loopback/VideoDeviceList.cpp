@@ -1,6 +1,5 @@
 #include "vcam/v4l2loopback/VideoDeviceList.h"
 
-#include <QCollator>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -40,9 +39,10 @@ std::vector<VideoDeviceEntry> listVideoDevices(const QString &sysRoot, const QSt
 {
     const QDir classDir(sysRoot + QStringLiteral("/class/video4linux"));
     QStringList entries = classDir.entryList({QStringLiteral("video*")}, QDir::Dirs | QDir::System | QDir::NoDotAndDotDot);
-    QCollator numeric;
-    numeric.setNumericMode(true);
-    std::sort(entries.begin(), entries.end(), numeric);
+    // By node number: video2 before video10.
+    const auto number = [](const QString &entry) { return entry.mid(5).toInt(); };
+    std::sort(entries.begin(), entries.end(),
+              [&](const QString &a, const QString &b) { return number(a) < number(b); });
 
     std::vector<VideoDeviceEntry> devices;
     devices.reserve(entries.size());
