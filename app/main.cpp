@@ -2,6 +2,7 @@
 // interface file's main window (as the platform would at start), then runs the
 // delegate's launch sequence from the event loop.
 #include "app/AppDelegate.h"
+#include "app/ControlSocket.h"
 #include "app/LinuxPlatform.h"
 #include "app/MainWindowController.h"
 #include "app/NotificationCenter.h"
@@ -65,7 +66,20 @@ int main(int argc, char *argv[])
     services.extensionProbes = &extensionProbes;
     services.virtualCamera = &virtualCamera;
 
+    // Scripted runs (the lab) drive the main window's controls through a local socket;
+    // only when VISTREL_CONTROL_SOCKET names one.
+    AppDelegate *mainDelegate = nullptr;
+    std::unique_ptr<ControlSocket> controlSocket =
+        ControlSocket::fromEnvironment(fileDialogs, [&mainDelegate]() -> ViewController * {
+            if (!mainDelegate || !mainDelegate->mainWindowController)
+                return nullptr;
+            return mainDelegate->mainWindowController->contentViewController();
+        });
+    if (controlSocket)
+        services.fileDialogs = &controlSocket->fileDialogs();
+
     AppDelegate delegate(services);
+    mainDelegate = &delegate;
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
 
     // The interface file's initial window is loaded before launch completes, hidden.
