@@ -36,6 +36,8 @@ public:
     int framesEnqueued() const { return m_enqueued.load(); }
     int framesTaken() const { return m_taken.load(); }
     QImage lastFrame() const;
+    // A digest of every frame taken, in order: equal digests are equal pictures.
+    std::vector<std::size_t> frameDigests() const;
     std::int64_t lastPresentationTimeNs() const;
 
 private:
@@ -44,6 +46,7 @@ private:
     mutable std::mutex m_mutex;
     std::deque<vcam::SampleBuffer> m_samples;
     QImage m_lastFrame;
+    std::vector<std::size_t> m_digests;
     std::int64_t m_lastTime = 0;
     std::atomic<int> m_enqueued{0};
     std::atomic<int> m_taken{0};

@@ -87,6 +87,7 @@ GList *providerProbe(GstDeviceProvider *)
     devices = g_list_append(devices, makeCamera("Studio Camera", solidColourSource("blue")));
     devices = g_list_append(devices, makeCamera("Vistrel Camera HD", solidColourSource("green")));
     devices = g_list_append(devices, makeCamera("Unplugged Camera", "v4l2src device=/dev/vistrel-unplugged-camera"));
+    devices = g_list_append(devices, makeCamera("Moving Camera", solidColourSource("ball")));
     return devices;
 }
 

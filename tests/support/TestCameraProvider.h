@@ -10,6 +10,7 @@ namespace vistrel::test {
 //   "Studio Camera"      solid blue (same name, second in the list)
 //   "Vistrel Camera HD"  solid green (name only contains "Vistrel")
 //   "Unplugged Camera"   a V4L2 source on a device node that does not exist
+//   "Moving Camera"      a moving ball: every picture differs from the one before
 // Pictures are 160x120 at 30 frames per second.
 namespace TestCameraProvider {
 
@@ -19,6 +20,7 @@ inline const QString kVirtualCameraName = QStringLiteral("Vistrel");
 inline const QString kStudioCameraName = QStringLiteral("Studio Camera");
 inline const QString kSuffixedName = QStringLiteral("Vistrel Camera HD");
 inline const QString kUnpluggedName = QStringLiteral("Unplugged Camera");
+inline const QString kMovingName = QStringLiteral("Moving Camera");
 
 } // namespace TestCameraProvider
 } // namespace vistrel::test

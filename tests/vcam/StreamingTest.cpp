@@ -1,0 +1,95 @@
+#include "../camera/ControllerFixture.h"
+#include "SimulatedExtension.h"
+
+#include <QElapsedTimer>
+#include <set>
+
+namespace vistrel {
+namespace {
+
+// The whole link in the running app's objects: the real controller with a real
+// (moving) test camera, the link, the simulated virtual camera and a reader.
+class StreamingTest : public test::ControllerFixture
+{
+protected:
+    void SetUp() override
+    {
+        env.services.virtualCamera = &sim;
+        ControllerFixture::SetUp();
+        vc->startVirtualCameraLink();
+        ASSERT_TRUE(sim.queue);
+        choose(indexOf(test::TestCameraProvider::kMovingName));
+        sim.queue->startReader(std::chrono::milliseconds(1));
+        vc->pollStreamState(); // the 2 s poll, now rather than later
+        ASSERT_TRUE(vc->needToStream);
+    }
+    void TearDown() override { sim.queue->stopReader(); }
+
+    // Digests of the frames the reader takes during the next `ms` milliseconds.
+    std::vector<std::size_t> framesDuring(int ms)
+    {
+        const std::size_t before = sim.queue->frameDigests().size();
+        QTest::qWait(ms);
+        const auto all = sim.queue->frameDigests();
+        return {all.begin() + static_cast<std::ptrdiff_t>(before), all.end()};
+    }
+
+    static std::size_t distinct(const std::vector<std::size_t> &frames)
+    {
+        return std::set<std::size_t>(frames.begin(), frames.end()).size();
+    }
+
+    test::SimulatedExtension sim;
+};
+
+TEST_F(StreamingTest, CameraPicturesFlowAndFreezeHoldsThemByteIdentical)
+{
+    const auto live = framesDuring(700);
+    ASSERT_GE(live.size(), 12u); // ~30 per second
+    EXPECT_GE(distinct(live), live.size() / 2);
+
+    vc->toggleFreeze();
+    QTest::qWait(100); // a frame already on its way may still differ
+    const auto frozen = framesDuring(700);
+    ASSERT_GE(frozen.size(), 12u); // the held picture keeps going out at the tick rate
+    EXPECT_EQ(distinct(frozen), 1u);
+
+    // The camera kept running underneath: released, the pictures move at once.
+    vc->toggleFreeze();
+    const auto again = framesDuring(700);
+    EXPECT_GE(distinct(again), again.size() / 2);
+}
+
+TEST_F(StreamingTest, StutterAlternatesHeldAndMovingPhasesEachSecond)
+{
+    vc->toggleShutter();
+    // Per 250 ms window: one distinct picture while held, several while moving.
+    std::vector<std::size_t> perWindow;
+    for (int window = 0; window < 12; ++window)
+        perWindow.push_back(distinct(framesDuring(250)));
+    vc->toggleShutter();
+
+    int held = 0;
+    int moving = 0;
+    for (std::size_t count : perWindow) {
+        held += count == 1 ? 1 : 0;
+        moving += count >= 4 ? 1 : 0;
+    }
+    EXPECT_GE(held, 3);
+    EXPECT_GE(moving, 3);
+}
+
+TEST_F(StreamingTest, NoFramesWhileTheCameraDoesNotAskForThem)
+{
+    sim.justAnswer = QStringLiteral("sc=0");
+    vc->pollStreamState();
+    QTest::qWait(100);
+    EXPECT_TRUE(framesDuring(600).empty());
+
+    sim.justAnswer = QStringLiteral("sc=1");
+    vc->pollStreamState();
+    EXPECT_GE(framesDuring(500).size(), 8u);
+}
+
+} // namespace
+} // namespace vistrel
