@@ -1,0 +1,221 @@
+// The frame path, stage by stage and whole, on synthetic camera frames:
+//   Intake      camera buffer -> picture (decoding, conversion, wrapping), all threads
+//   Tick        one frame tick: pool buffer, 1280x720 stretch, enqueue (main thread)
+//   BgraToYuyv  the device writer's conversion of one pool buffer
+//   FramePath   all of it in the real controller, camera buffer to YUYV, all threads
+// CPU time is per frame; items_per_second is frames per CPU second, i.e. the frame
+// rate one core sustains.
+#include "bench/FramePathHarness.h"
+#include "bench/SyntheticCamera.h"
+#include "vcam/PixelBuffer.h"
+#include "vcam/v4l2loopback/YuyvConversion.h"
+
+#include <QApplication>
+#include <QStringList>
+#include <benchmark/benchmark.h>
+#include <gst/gst.h>
+#include <map>
+#include <vector>
+
+namespace vistrel::bench {
+namespace {
+
+const std::vector<FrameSpec> &cameraSpecs()
+{
+    static const std::vector<FrameSpec> specs = [] {
+        std::vector<FrameSpec> all;
+        for (CameraFormat format : {CameraFormat::YUY2, CameraFormat::NV12, CameraFormat::I420, CameraFormat::MJPEG})
+            for (auto [width, height] : {std::pair{640, 480}, std::pair{1280, 720}, std::pair{1920, 1080}})
+                all.push_back(FrameSpec{format, width, height});
+        return all;
+    }();
+    return specs;
+}
+
+// Frames read from a file given on the command line replace the synthetic ones of the
+// same kind, so the comparison with other tools runs on the very same pixels.
+std::map<QString, SamplePtr> &frameOverrides()
+{
+    static std::map<QString, SamplePtr> overrides;
+    return overrides;
+}
+
+SamplePtr cameraSample(const FrameSpec &spec)
+{
+    static std::map<QString, SamplePtr> made;
+    const QString name = specName(spec);
+    if (auto given = frameOverrides().find(name); given != frameOverrides().end())
+        return given->second;
+    SamplePtr &sample = made[name];
+    if (!sample)
+        sample = makeCameraSample(spec);
+    return sample;
+}
+
+// The picture the intake makes of a 4:2:2 camera frame of this size.
+QImage cameraPicture(int width, int height)
+{
+    const SamplePtr sample = cameraSample(FrameSpec{CameraFormat::YUY2, width, height});
+    CaptureIntake intake(gst_sample_get_caps(sample.get()));
+    return intake.deliver(gst_sample_get_buffer(sample.get()));
+}
+
+void countFrames(benchmark::State &state)
+{
+    state.SetItemsProcessed(state.iterations());
+}
+
+void benchIntake(benchmark::State &state, FrameSpec spec)
+{
+    const SamplePtr sample = cameraSample(spec);
+    if (!sample)
+        return state.SkipWithError("no camera frame");
+    CaptureIntake intake(gst_sample_get_caps(sample.get()));
+    GstBuffer *frame = gst_sample_get_buffer(sample.get());
+    QImage picture = intake.deliver(frame); // caps negotiation happens here, untimed
+    if (picture.isNull())
+        return state.SkipWithError("the intake made no picture");
+    for (auto _ : state) {
+        picture = intake.deliver(frame);
+        if (picture.isNull())
+            return state.SkipWithError("the intake made no picture");
+    }
+    if (picture.size() != QSize(spec.width, spec.height))
+        return state.SkipWithError("the picture does not have the camera's size");
+    countFrames(state);
+}
+
+void benchTick(benchmark::State &state, int width, int height, bool mirror)
+{
+    const QImage picture = cameraPicture(width, height);
+    if (picture.isNull())
+        return state.SkipWithError("no camera picture");
+    LinkedController link;
+    link.controller().currentImage = picture;
+    link.controller().mirrorCamera = mirror;
+    for (auto _ : state) {
+        if (!link.tick())
+            return state.SkipWithError("the tick sent no frame");
+        state.PauseTiming();
+        link.consumeFrame();
+        state.ResumeTiming();
+    }
+    countFrames(state);
+}
+
+void benchBgraToYuyv(benchmark::State &state)
+{
+    vcam::PixelBuffer buffer(1280, 720);
+    buffer.image().fill(QColor(200, 120, 40));
+    std::vector<std::uint8_t> yuyv(vcam::yuyvFrameBytes(buffer.width(), buffer.height()));
+    for (auto _ : state) {
+        vcam::convertBgraToYuyv(buffer, yuyv.data());
+        benchmark::DoNotOptimize(yuyv.data());
+        benchmark::ClobberMemory();
+    }
+    countFrames(state);
+}
+
+void benchFramePath(benchmark::State &state, FrameSpec spec)
+{
+    const SamplePtr sample = cameraSample(spec);
+    if (!sample)
+        return state.SkipWithError("no camera frame");
+    LinkedController link;
+    link.convertFramesToYuyv();
+    if (!link.startCamera(gst_sample_get_caps(sample.get())))
+        return state.SkipWithError("the capture session did not start");
+    GstBuffer *frame = gst_sample_get_buffer(sample.get());
+    if (!link.deliverCameraFrame(frame) || !link.tick())
+        return state.SkipWithError("the first frame did not go through");
+    link.consumeFrame();
+    for (auto _ : state) {
+        if (!link.deliverCameraFrame(frame))
+            return state.SkipWithError("the camera frame did not become the picture");
+        if (!link.tick())
+            return state.SkipWithError("the tick sent no frame");
+        state.PauseTiming();
+        link.consumeFrame();
+        state.ResumeTiming();
+    }
+    countFrames(state);
+}
+
+void registerBenchmarks()
+{
+    for (const FrameSpec &spec : cameraSpecs()) {
+        const QByteArray name = ("Intake/" + specName(spec)).toUtf8();
+        benchmark::RegisterBenchmark(name.constData(), benchIntake, spec)
+            ->MeasureProcessCPUTime()
+            ->Unit(benchmark::kMillisecond);
+    }
+    for (auto [width, height] : {std::pair{640, 480}, std::pair{1280, 720}, std::pair{1920, 1080}}) {
+        for (bool mirror : {false, true}) {
+            const QByteArray name =
+                QStringLiteral("Tick%1/%2x%3").arg(mirror ? "Mirrored" : "").arg(width).arg(height).toUtf8();
+            benchmark::RegisterBenchmark(name.constData(), benchTick, width, height, mirror)
+                ->Unit(benchmark::kMillisecond);
+        }
+    }
+    benchmark::RegisterBenchmark("BgraToYuyv/1280x720", benchBgraToYuyv)->Unit(benchmark::kMillisecond);
+    for (const FrameSpec &spec : cameraSpecs()) {
+        const QByteArray name = ("FramePath/" + specName(spec)).toUtf8();
+        benchmark::RegisterBenchmark(name.constData(), benchFramePath, spec)
+            ->MeasureProcessCPUTime()
+            ->Unit(benchmark::kMillisecond);
+    }
+}
+
+// --raw-frame=FORMAT:WIDTHxHEIGHT:PATH (FORMAT YUY2, NV12 or I420), repeatable.
+// Answers false, after saying why, for an argument it cannot use.
+bool takeRawFrameArguments(int &argc, char **argv)
+{
+    const QByteArray prefix = "--raw-frame=";
+    int kept = 1;
+    for (int i = 1; i < argc; ++i) {
+        const QByteArray argument = argv[i];
+        if (!argument.startsWith(prefix)) {
+            argv[kept++] = argv[i];
+            continue;
+        }
+        const QStringList parts = QString::fromLocal8Bit(argument.mid(prefix.size())).split(QLatin1Char(':'));
+        const QStringList size = parts.value(1).split(QLatin1Char('x'));
+        std::optional<FrameSpec> spec;
+        for (const FrameSpec &candidate : cameraSpecs())
+            if (parts.size() >= 3 && parts[0] == QLatin1String(formatName(candidate.format))
+                && size.size() == 2 && size[0].toInt() == candidate.width && size[1].toInt() == candidate.height)
+                spec = candidate;
+        const QString path = parts.mid(2).join(QLatin1Char(':'));
+        SamplePtr sample = spec ? readRawFrame(path, *spec) : nullptr;
+        if (!sample) {
+            fprintf(stderr, "vistrel_bench: cannot use %s (want FORMAT:WIDTHxHEIGHT:PATH with a raw YUY2, NV12 or I420 "
+                            "file of at least one frame, in one of the benchmarked sizes)\n",
+                    argument.constData());
+            return false;
+        }
+        frameOverrides()[specName(*spec)] = std::move(sample);
+    }
+    argc = kept;
+    argv[argc] = nullptr;
+    return true;
+}
+
+} // namespace
+} // namespace vistrel::bench
+
+int main(int argc, char **argv)
+{
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    gst_init(&argc, &argv);
+    QApplication app(argc, argv);
+    if (!vistrel::bench::takeRawFrameArguments(argc, argv))
+        return 2;
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 2;
+    vistrel::bench::registerBenchmarks();
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,141 @@
+#include "bench/FramePathHarness.h"
+
+#include "camera/CaptureSession.h"
+#include "camera/SampleImage.h"
+#include "vcam/PixelBuffer.h"
+#include "vcam/v4l2loopback/YuyvConversion.h"
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QTimer>
+#include <chrono>
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+
+namespace vistrel::bench {
+
+bool waitOnEventLoop(const std::function<bool()> &done, int timeoutMs)
+{
+    QDeadlineTimer deadline(timeoutMs);
+    // A wake-up now and then, so the deadline is seen even when nothing is posted.
+    static QTimer *heartbeat = [] {
+        auto *timer = new QTimer(QCoreApplication::instance());
+        timer->start(100);
+        return timer;
+    }();
+    Q_UNUSED(heartbeat);
+    while (!done()) {
+        if (deadline.hasExpired())
+            return false;
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    }
+    return true;
+}
+
+// --- CaptureIntake ---------------------------------------------------------------
+
+CaptureIntake::CaptureIntake(GstCaps *cameraCaps)
+    : m_camera(QStringLiteral("Synthetic camera"), SyntheticCamera::pushSourceDescription()),
+      m_session(std::make_unique<camera::CaptureSession>())
+{
+    QString error;
+    auto input = camera::CaptureDeviceInput::create(m_camera.device(), &error);
+    if (!input)
+        return;
+    g_object_set(m_camera.lastSource(), "caps", cameraCaps, nullptr);
+    m_session->addInput(input);
+    m_output = std::make_shared<camera::VideoDataOutput>();
+    m_session->addOutput(m_output);
+    m_output->setSampleBufferDelegate([this](GstSample *sample) {
+        QImage picture = camera::imageFromSample(sample);
+        {
+            std::lock_guard lock(m_mutex);
+            m_picture = std::move(picture);
+            m_fresh = true;
+        }
+        m_delivered.notify_one();
+    });
+    m_session->startRunning();
+    waitOnEventLoop([this] { return m_session->isRunning(); });
+}
+
+CaptureIntake::~CaptureIntake()
+{
+    if (m_output)
+        m_output->setSampleBufferDelegate(nullptr);
+}
+
+bool CaptureIntake::isRunning() const
+{
+    return m_session->isRunning();
+}
+
+QImage CaptureIntake::deliver(GstBuffer *frame)
+{
+    gst_app_src_push_buffer(GST_APP_SRC(m_camera.lastSource()), gst_buffer_ref(frame));
+    std::unique_lock lock(m_mutex);
+    if (!m_delivered.wait_for(lock, std::chrono::seconds(2), [this] { return m_fresh; }))
+        return {};
+    m_fresh = false;
+    return std::move(m_picture);
+}
+
+// --- YuyvWritingQueue ------------------------------------------------------------
+
+YuyvWritingQueue::YuyvWritingQueue(std::shared_ptr<vcam::SimpleQueue> inner) : m_inner(std::move(inner)) {}
+
+vcam::Status YuyvWritingQueue::enqueue(vcam::SampleBuffer sample)
+{
+    const vcam::PixelBuffer &pixels = *sample.imageBuffer;
+    m_yuyv.resize(vcam::yuyvFrameBytes(pixels.width(), pixels.height())); // once: the size never changes
+    vcam::convertBgraToYuyv(pixels, m_yuyv.data());
+    return m_inner->enqueue(std::move(sample));
+}
+
+// --- LinkedController ------------------------------------------------------------
+
+LinkedController::LinkedController()
+{
+    m_extension.justAnswer = QStringLiteral("sc=1");
+    m_services.virtualCamera = &m_extension;
+    m_controller = std::make_unique<ViewController>(m_services);
+    m_controller->connectVirtualCamera();
+    m_controller->pollStreamState();
+}
+
+void LinkedController::convertFramesToYuyv()
+{
+    if (m_controller->sinkQueue)
+        m_controller->sinkQueue = std::make_shared<YuyvWritingQueue>(m_controller->sinkQueue);
+}
+
+bool LinkedController::startCamera(GstCaps *cameraCaps)
+{
+    m_camera = std::make_unique<SyntheticCamera>(QStringLiteral("Synthetic camera"),
+                                                 SyntheticCamera::pushSourceDescription());
+    m_controller->configureCapture(m_camera->device());
+    if (!m_camera->lastSource())
+        return false;
+    g_object_set(m_camera->lastSource(), "caps", cameraCaps, nullptr);
+    return waitOnEventLoop([this] { return m_controller->captureSession->isRunning(); });
+}
+
+bool LinkedController::deliverCameraFrame(GstBuffer *frame)
+{
+    const qint64 previous = m_controller->currentImage ? m_controller->currentImage->cacheKey() : 0;
+    gst_app_src_push_buffer(GST_APP_SRC(m_camera->lastSource()), gst_buffer_ref(frame));
+    return waitOnEventLoop(
+        [this, previous] {
+            return m_controller->currentImage && m_controller->currentImage->cacheKey() != previous;
+        },
+        2000);
+}
+
+bool LinkedController::tick()
+{
+    const int before = m_extension.queue ? m_extension.queue->framesEnqueued() : 0;
+    m_controller->fireTimer();
+    return m_extension.queue && m_extension.queue->framesEnqueued() == before + 1;
+}
+
+} // namespace vistrel::bench

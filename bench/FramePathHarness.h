@@ -1,0 +1,89 @@
+#pragma once
+#include "SimulatedExtension.h"
+#include "bench/SyntheticCamera.h"
+#include "camera/ViewController.h"
+#include "vcam/SimpleQueue.h"
+
+#include <QImage>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace vistrel::camera {
+class CaptureSession;
+class VideoDataOutput;
+} // namespace vistrel::camera
+
+namespace vistrel::bench {
+
+// Runs the event loop until `done` holds or the time is up; never spins.
+bool waitOnEventLoop(const std::function<bool()> &done, int timeoutMs = 5000);
+
+// The camera intake on its own: a push-driven synthetic camera in a real capture
+// session (the real VideoDataOutput's decoding, conversion and appsink), each sample
+// wrapped by imageFromSample on the streaming thread, as the controller does.
+class CaptureIntake
+{
+public:
+    explicit CaptureIntake(GstCaps *cameraCaps);
+    ~CaptureIntake();
+
+    bool isRunning() const;
+    // Pushes one camera frame and waits for its picture (null after 2 s without one).
+    QImage deliver(GstBuffer *frame);
+
+private:
+    SyntheticCamera m_camera;
+    std::unique_ptr<camera::CaptureSession> m_session;
+    std::shared_ptr<camera::VideoDataOutput> m_output;
+    std::mutex m_mutex;
+    std::condition_variable m_delivered;
+    QImage m_picture;
+    bool m_fresh = false;
+};
+
+// The device writer's work, done where the frame is enqueued: each frame is converted
+// to YUYV (what the loopback sink's writer thread does before write()) and then handed
+// to the simulated extension's queue.
+class YuyvWritingQueue final : public vcam::SimpleQueue
+{
+public:
+    explicit YuyvWritingQueue(std::shared_ptr<vcam::SimpleQueue> inner);
+    int count() const override { return m_inner->count(); }
+    int capacity() const override { return m_inner->capacity(); }
+    vcam::Status enqueue(vcam::SampleBuffer sample) override;
+
+private:
+    std::shared_ptr<vcam::SimpleQueue> m_inner;
+    std::vector<std::uint8_t> m_yuyv;
+};
+
+// A real ViewController linked to the simulated extension (answering "sc=1"), with the
+// sink stream connected through the real start-up steps.
+class LinkedController
+{
+public:
+    LinkedController();
+
+    // Makes the controller's sink queue also convert each frame to YUYV.
+    void convertFramesToYuyv();
+    // Starts the controller's real capture on a push-driven synthetic camera.
+    bool startCamera(GstCaps *cameraCaps);
+    // Pushes one camera frame and runs the event loop until it is the current picture.
+    bool deliverCameraFrame(GstBuffer *frame);
+    // One frame tick; answers whether it enqueued a frame.
+    bool tick();
+    // The consumer takes the oldest frame, which reopens the gate.
+    void consumeFrame() { m_extension.queue->takeFrame(); }
+
+    ViewController &controller() { return *m_controller; }
+
+private:
+    test::SimulatedExtension m_extension;
+    Services m_services;
+    std::unique_ptr<ViewController> m_controller;
+    std::unique_ptr<SyntheticCamera> m_camera;
+};
+
+} // namespace vistrel::bench

@@ -1,0 +1,163 @@
+#include "bench/SyntheticCamera.h"
+
+#include <QFile>
+#include <gst/app/gstappsink.h>
+#include <gst/gst.h>
+#include <gst/video/video.h>
+
+namespace vistrel::bench {
+namespace {
+
+// --- a GstDevice that makes its source from a description --------------------------
+
+struct DescribedDevice
+{
+    GstDevice parent;
+    gchar *description;
+    GstElement *lastElement; // strong reference
+};
+
+struct DescribedDeviceClass
+{
+    GstDeviceClass parentClass;
+};
+
+G_DEFINE_TYPE(DescribedDevice, described_device, GST_TYPE_DEVICE)
+
+GstElement *describedDeviceCreateElement(GstDevice *device, const gchar *name)
+{
+    auto *self = reinterpret_cast<DescribedDevice *>(device);
+    GError *error = nullptr;
+    GstElement *element = gst_parse_launch(self->description, &error);
+    if (error) {
+        g_printerr("synthetic camera: %s\n", error->message);
+        g_clear_error(&error);
+        g_clear_object(&element);
+        return nullptr;
+    }
+    if (name)
+        gst_object_set_name(GST_OBJECT(element), name);
+    gst_clear_object(&self->lastElement);
+    self->lastElement = GST_ELEMENT(gst_object_ref(element));
+    return element;
+}
+
+void describedDeviceFinalize(GObject *object)
+{
+    auto *self = reinterpret_cast<DescribedDevice *>(object);
+    g_free(self->description);
+    gst_clear_object(&self->lastElement);
+    G_OBJECT_CLASS(described_device_parent_class)->finalize(object);
+}
+
+void described_device_class_init(DescribedDeviceClass *klass)
+{
+    GST_DEVICE_CLASS(klass)->create_element = describedDeviceCreateElement;
+    G_OBJECT_CLASS(klass)->finalize = describedDeviceFinalize;
+}
+
+void described_device_init(DescribedDevice *self)
+{
+    self->description = nullptr;
+    self->lastElement = nullptr;
+}
+
+const char *rawFormat(CameraFormat format)
+{
+    switch (format) {
+    case CameraFormat::YUY2:
+        return "YUY2";
+    case CameraFormat::NV12:
+        return "NV12";
+    case CameraFormat::I420:
+    case CameraFormat::MJPEG: // webcams' MJPEG is YUV; jpegenc keeps 4:2:0 from I420
+        return "I420";
+    }
+    return "I420";
+}
+
+SamplePtr adoptSample(GstSample *sample)
+{
+    return sample ? SamplePtr(sample, gst_sample_unref) : nullptr;
+}
+
+} // namespace
+
+const char *formatName(CameraFormat format)
+{
+    return format == CameraFormat::MJPEG ? "MJPEG" : rawFormat(format);
+}
+
+QString specName(const FrameSpec &spec)
+{
+    return QStringLiteral("%1/%2x%3").arg(QLatin1String(formatName(spec.format))).arg(spec.width).arg(spec.height);
+}
+
+SamplePtr makeCameraSample(const FrameSpec &spec)
+{
+    const QByteArray description =
+        QStringLiteral("videotestsrc num-buffers=1 pattern=smpte ! video/x-raw,format=%1,width=%2,height=%3,"
+                       "framerate=30/1 ! %4 appsink name=out sync=false")
+            .arg(QLatin1String(rawFormat(spec.format)))
+            .arg(spec.width)
+            .arg(spec.height)
+            .arg(spec.format == CameraFormat::MJPEG ? QStringLiteral("jpegenc quality=85 !") : QString())
+            .toUtf8();
+    GstElement *pipeline = gst_parse_launch(description.constData(), nullptr);
+    if (!pipeline)
+        return nullptr;
+    GstElement *sink = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    SamplePtr sample = adoptSample(gst_app_sink_pull_sample(GST_APP_SINK(sink)));
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(sink);
+    gst_object_unref(pipeline);
+    return sample;
+}
+
+SamplePtr readRawFrame(const QString &path, const FrameSpec &spec)
+{
+    if (spec.format == CameraFormat::MJPEG)
+        return nullptr;
+    GstVideoInfo info;
+    gst_video_info_set_format(&info, gst_video_format_from_string(rawFormat(spec.format)),
+                              static_cast<guint>(spec.width), static_cast<guint>(spec.height));
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return nullptr;
+    const QByteArray bytes = file.read(static_cast<qint64>(GST_VIDEO_INFO_SIZE(&info)));
+    if (bytes.size() != static_cast<qsizetype>(GST_VIDEO_INFO_SIZE(&info)))
+        return nullptr;
+    GstBuffer *buffer = gst_buffer_new_memdup(bytes.constData(), static_cast<gsize>(bytes.size()));
+    GstCaps *caps = gst_video_info_to_caps(&info);
+    SamplePtr sample = adoptSample(gst_sample_new(buffer, caps, nullptr, nullptr));
+    gst_buffer_unref(buffer);
+    gst_caps_unref(caps);
+    return sample;
+}
+
+SyntheticCamera::SyntheticCamera(const QString &name, const QString &sourceDescription)
+{
+    GstCaps *caps = gst_caps_from_string("video/x-raw");
+    auto *device = static_cast<DescribedDevice *>(g_object_new(described_device_get_type(), "display-name",
+                                                                name.toUtf8().constData(), "device-class",
+                                                                "Video/Source", "caps", caps, nullptr));
+    gst_caps_unref(caps);
+    device->description = g_strdup(sourceDescription.toUtf8().constData());
+    gst_object_ref_sink(device);
+    m_device.localizedName = name;
+    m_device.uniqueID = QStringLiteral("/dev/synthetic-camera");
+    m_device.device = std::shared_ptr<GstDevice>(GST_DEVICE(device), gst_object_unref);
+}
+
+GstElement *SyntheticCamera::lastSource() const
+{
+    return reinterpret_cast<DescribedDevice *>(m_device.device.get())->lastElement;
+}
+
+QString SyntheticCamera::pushSourceDescription()
+{
+    return QStringLiteral("appsrc format=time is-live=false");
+}
+
+} // namespace vistrel::bench
