@@ -13,8 +13,12 @@
 #include <QApplication>
 #include <QStringList>
 #include <benchmark/benchmark.h>
+#include <ext/stdio_filebuf.h>
+#include <fcntl.h>
 #include <gst/gst.h>
+#include <iostream>
 #include <map>
+#include <unistd.h>
 #include <vector>
 
 namespace vistrel::bench {
@@ -200,6 +204,22 @@ bool takeRawFrameArguments(int &argc, char **argv)
     return true;
 }
 
+// The controller's console lines ("showMessage ...") go to standard output; they
+// would interleave with the report. The report keeps the real standard output, the
+// program's own lines go to /dev/null.
+void keepStandardOutputForTheReport()
+{
+    std::fflush(stdout);
+    const int report = ::dup(STDOUT_FILENO);
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (report < 0 || null < 0)
+        return;
+    ::dup2(null, STDOUT_FILENO);
+    ::close(null);
+    static __gnu_cxx::stdio_filebuf<char> reportBuffer(report, std::ios::out);
+    std::cout.rdbuf(&reportBuffer);
+}
+
 } // namespace
 } // namespace vistrel::bench
 
@@ -215,7 +235,9 @@ int main(int argc, char **argv)
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 2;
     vistrel::bench::registerBenchmarks();
+    vistrel::bench::keepStandardOutputForTheReport();
     benchmark::RunSpecifiedBenchmarks();
+    std::cout.flush();
     benchmark::Shutdown();
     return 0;
 }
