@@ -9,24 +9,13 @@
 #include "app/UserDefaults.h"
 #include "camera/CameraAuthorization.h"
 #include "camera/DeviceMonitorDiscovery.h"
-#include "sysext/ExtensionProbes.h"
+#include "sysext/CameraExtensionHelper.h"
+#include "sysext/HelperExtensionManager.h"
 #include "vcam/v4l2loopback/LoopbackSystem.h"
 
 #include <QApplication>
 #include <QTimer>
 #include <gst/gst.h>
-
-namespace {
-
-// Until the extension probes land, the extension counts as neither installed nor active.
-class NoExtensionProbes final : public vistrel::sysext::ExtensionProbes
-{
-public:
-    bool isExtensionInstalledProbe() override { return false; }
-    bool isExtensionActivatedProbe() override { return false; }
-};
-
-} // namespace
 
 int main(int argc, char *argv[])
 {
@@ -48,7 +37,8 @@ int main(int argc, char *argv[])
     QtApplication application;
     camera::V4l2CameraAuthorization cameraAuthorization;
     camera::DeviceMonitorDiscovery cameraDiscovery;
-    NoExtensionProbes extensionProbes;
+    sysext::CameraExtensionHelper extensionProbes(Bundle::main());
+    sysext::HelperExtensionManager extensionManager(sysext::HelperExtensionManager::configFor(Bundle::main()));
     vcam::LoopbackSystem virtualCamera;
 
     Services services;
@@ -64,6 +54,7 @@ int main(int argc, char *argv[])
     services.cameraAuthorization = &cameraAuthorization;
     services.cameraDiscovery = &cameraDiscovery;
     services.extensionProbes = &extensionProbes;
+    services.extensionManager = &extensionManager;
     services.virtualCamera = &virtualCamera;
 
     // Scripted runs (the lab) drive the main window's controls through a local socket;

@@ -1,8 +1,14 @@
 #include "app/AppDelegate.h"
+#include "onboarding/OnboardingCoordinator.h"
+#include "sysext/ExtensionManager.h"
 
 namespace vistrel {
 
-// The onboarding window is not wired yet: the onboarding path shows nothing until it lands.
-void AppDelegate::showOnboardingWindow() {}
+// The set-up window, with this delegate answering its extension request; finishing
+// it relaunches the app onto the main-window path.
+void AppDelegate::showOnboardingWindow()
+{
+    OnboardingCoordinator::shared().showOnboarding(m_services, sysext::delegateFor(this), [this] { onboardingCompleted(); });
+}
 
 } // namespace vistrel
