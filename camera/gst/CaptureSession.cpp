@@ -6,15 +6,235 @@
 #include <QMetaObject>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
+#include <gst/video/gstvideopool.h>
+#include <gst/video/video.h>
+#include <libyuv/convert_argb.h>
+#include <libyuv/planar_functions.h>
 #include <mutex>
 #include <thread>
+#include <vector>
 
 namespace vistrel::camera {
 
 namespace {
 // Caps features (ANY) must not appear here: PipeWire then never links the stream.
 constexpr const char *kCameraStreamCaps = "video/x-raw; image/jpeg; video/x-h264";
+
+// What the output's appsink takes: the picture format itself, or one of the YUV
+// layouts cameras and decoders deliver, which PictureConverter turns into the picture
+// format in one libyuv pass (several times cheaper than videoconvert's generic path).
+// Any other format is converted by videoconvert on the way, to the nearest of these.
+constexpr const char *kIntakeCaps =
+    "video/x-raw,format={ BGRx, YUY2, UYVY, NV12, NV21, I420, YV12, Y42B, Y444 }";
+
+// Turns each decoded camera frame into a picture-format (BGRx) sample. Buffers come
+// from a pool and go back to it once the last picture made of them is released, so a
+// frame costs no pixel allocation. Used by one streaming thread at a time.
+class PictureConverter
+{
+public:
+    PictureConverter() = default;
+    ~PictureConverter() { reset(); }
+    PictureConverter(const PictureConverter &) = delete;
+    PictureConverter &operator=(const PictureConverter &) = delete;
+
+    // A new reference to a sample in the picture format: the sample itself when it is
+    // in that format already (or in one this cannot convert), else a converted copy.
+    // Null when the pool has no buffer.
+    GstSample *toPicture(GstSample *sample);
+
+private:
+    bool prepare(GstCaps *caps);
+    void convert(const GstVideoFrame &in, GstVideoFrame &out);
+    void reset();
+
+    GstCaps *m_inputCaps = nullptr;
+    bool m_passthrough = true;
+    GstVideoInfo m_in{};
+    GstVideoInfo m_picture{};
+    GstCaps *m_pictureCaps = nullptr;
+    GstBufferPool *m_pool = nullptr;
+    const libyuv::YuvConstants *m_matrix = &libyuv::kYuvI601Constants;
+    std::vector<std::uint8_t> m_planes; // 4:2:2 planes for packed input in a matrix libyuv reads only planar
+};
+
+const libyuv::YuvConstants *matrixFor(const GstVideoColorimetry &colorimetry)
+{
+    const bool full = colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255;
+    switch (colorimetry.matrix) {
+    case GST_VIDEO_COLOR_MATRIX_BT709:
+        return full ? &libyuv::kYuvF709Constants : &libyuv::kYuvH709Constants;
+    case GST_VIDEO_COLOR_MATRIX_BT2020:
+        return full ? &libyuv::kYuvV2020Constants : &libyuv::kYuv2020Constants;
+    default: // BT.601 and the unknown: what cameras and JPEG use
+        return full ? &libyuv::kYuvJPEGConstants : &libyuv::kYuvI601Constants;
+    }
 }
+
+void PictureConverter::reset()
+{
+    if (m_pool) {
+        gst_buffer_pool_set_active(m_pool, FALSE);
+        gst_object_unref(m_pool);
+        m_pool = nullptr;
+    }
+    gst_clear_caps(&m_pictureCaps);
+    gst_clear_caps(&m_inputCaps);
+    m_passthrough = true;
+}
+
+bool PictureConverter::prepare(GstCaps *caps)
+{
+    reset();
+    m_inputCaps = gst_caps_ref(caps);
+    if (!gst_video_info_from_caps(&m_in, caps))
+        return false;
+    switch (GST_VIDEO_INFO_FORMAT(&m_in)) {
+    case GST_VIDEO_FORMAT_YUY2:
+    case GST_VIDEO_FORMAT_UYVY:
+    case GST_VIDEO_FORMAT_NV12:
+    case GST_VIDEO_FORMAT_NV21:
+    case GST_VIDEO_FORMAT_I420:
+    case GST_VIDEO_FORMAT_YV12:
+    case GST_VIDEO_FORMAT_Y42B:
+    case GST_VIDEO_FORMAT_Y444:
+        break;
+    default:
+        return false; // BGRx passes as it is
+    }
+    m_matrix = matrixFor(GST_VIDEO_INFO_COLORIMETRY(&m_in));
+
+    GstVideoInfo &picture = m_picture;
+    gst_video_info_set_format(&picture, GST_VIDEO_FORMAT_BGRx, GST_VIDEO_INFO_WIDTH(&m_in),
+                              GST_VIDEO_INFO_HEIGHT(&m_in));
+    GST_VIDEO_INFO_FPS_N(&picture) = GST_VIDEO_INFO_FPS_N(&m_in);
+    GST_VIDEO_INFO_FPS_D(&picture) = GST_VIDEO_INFO_FPS_D(&m_in);
+    GST_VIDEO_INFO_PAR_N(&picture) = GST_VIDEO_INFO_PAR_N(&m_in);
+    GST_VIDEO_INFO_PAR_D(&picture) = GST_VIDEO_INFO_PAR_D(&m_in);
+    m_pictureCaps = gst_video_info_to_caps(&picture);
+
+    m_pool = gst_video_buffer_pool_new();
+    GstStructure *config = gst_buffer_pool_get_config(m_pool);
+    // The held pictures (current, queued, last captured) plus the one being made;
+    // more are added if the holders keep more.
+    gst_buffer_pool_config_set_params(config, m_pictureCaps, static_cast<guint>(GST_VIDEO_INFO_SIZE(&picture)), 4, 0);
+    GstAllocationParams params;
+    gst_allocation_params_init(&params);
+    params.align = 63; // rows start on cache lines: the vector code reads them whole
+    gst_buffer_pool_config_set_allocator(config, nullptr, &params);
+    if (!gst_buffer_pool_set_config(m_pool, config) || !gst_buffer_pool_set_active(m_pool, TRUE)) {
+        gst_object_unref(m_pool);
+        m_pool = nullptr;
+        return false;
+    }
+    if (GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_YUY2 || GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_UYVY) {
+        if (m_matrix != &libyuv::kYuvI601Constants) {
+            const std::size_t width = GST_VIDEO_INFO_WIDTH(&m_in);
+            const std::size_t height = GST_VIDEO_INFO_HEIGHT(&m_in);
+            m_planes.resize(width * height + 2 * ((width + 1) / 2) * height);
+        }
+    }
+    m_passthrough = false;
+    return true;
+}
+
+void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
+{
+    auto *bgrx = static_cast<std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&out, 0));
+    const int bgrxStride = GST_VIDEO_FRAME_PLANE_STRIDE(&out, 0);
+    const int width = GST_VIDEO_FRAME_WIDTH(&in);
+    const int height = GST_VIDEO_FRAME_HEIGHT(&in);
+    const auto *y = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&in, GST_VIDEO_COMP_Y));
+    const int yStride = GST_VIDEO_FRAME_COMP_STRIDE(&in, GST_VIDEO_COMP_Y);
+    const auto *u = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&in, GST_VIDEO_COMP_U));
+    const int uStride = GST_VIDEO_FRAME_COMP_STRIDE(&in, GST_VIDEO_COMP_U);
+    const auto *v = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&in, GST_VIDEO_COMP_V));
+    const int vStride = GST_VIDEO_FRAME_COMP_STRIDE(&in, GST_VIDEO_COMP_V);
+    // libyuv's "ARGB" is B,G,R,A in memory: BGRx with an opaque fourth byte.
+    switch (GST_VIDEO_FRAME_FORMAT(&in)) {
+    case GST_VIDEO_FORMAT_I420:
+    case GST_VIDEO_FORMAT_YV12:
+        libyuv::I420ToARGBMatrix(y, yStride, u, uStride, v, vStride, bgrx, bgrxStride, m_matrix, width, height);
+        break;
+    case GST_VIDEO_FORMAT_Y42B:
+        libyuv::I422ToARGBMatrix(y, yStride, u, uStride, v, vStride, bgrx, bgrxStride, m_matrix, width, height);
+        break;
+    case GST_VIDEO_FORMAT_Y444:
+        libyuv::I444ToARGBMatrix(y, yStride, u, uStride, v, vStride, bgrx, bgrxStride, m_matrix, width, height);
+        break;
+    case GST_VIDEO_FORMAT_NV12:
+        libyuv::NV12ToARGBMatrix(y, yStride, u, uStride, bgrx, bgrxStride, m_matrix, width, height);
+        break;
+    case GST_VIDEO_FORMAT_NV21:
+        libyuv::NV21ToARGBMatrix(y, yStride, v, vStride, bgrx, bgrxStride, m_matrix, width, height);
+        break;
+    case GST_VIDEO_FORMAT_YUY2:
+    case GST_VIDEO_FORMAT_UYVY: {
+        const auto *packed = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&in, 0));
+        const int packedStride = GST_VIDEO_FRAME_PLANE_STRIDE(&in, 0);
+        const bool yuy2 = GST_VIDEO_FRAME_FORMAT(&in) == GST_VIDEO_FORMAT_YUY2;
+        if (m_matrix == &libyuv::kYuvI601Constants) { // libyuv's packed converters speak BT.601 only
+            if (yuy2)
+                libyuv::YUY2ToARGB(packed, packedStride, bgrx, bgrxStride, width, height);
+            else
+                libyuv::UYVYToARGB(packed, packedStride, bgrx, bgrxStride, width, height);
+            break;
+        }
+        const int chromaWidth = (width + 1) / 2;
+        std::uint8_t *planeY = m_planes.data();
+        std::uint8_t *planeU = planeY + static_cast<std::size_t>(width) * height;
+        std::uint8_t *planeV = planeU + static_cast<std::size_t>(chromaWidth) * height;
+        if (yuy2)
+            libyuv::YUY2ToI422(packed, packedStride, planeY, width, planeU, chromaWidth, planeV, chromaWidth, width,
+                               height);
+        else
+            libyuv::UYVYToI422(packed, packedStride, planeY, width, planeU, chromaWidth, planeV, chromaWidth, width,
+                               height);
+        libyuv::I422ToARGBMatrix(planeY, width, planeU, chromaWidth, planeV, chromaWidth, bgrx, bgrxStride, m_matrix,
+                                 width, height);
+        break;
+    }
+    default:
+        break;
+    }
+}
+
+GstSample *PictureConverter::toPicture(GstSample *sample)
+{
+    GstCaps *caps = gst_sample_get_caps(sample);
+    GstBuffer *buffer = gst_sample_get_buffer(sample);
+    if (!caps || !buffer)
+        return gst_sample_ref(sample);
+    if (caps != m_inputCaps && (!m_inputCaps || !gst_caps_is_equal(caps, m_inputCaps)))
+        prepare(caps);
+    if (m_passthrough)
+        return gst_sample_ref(sample);
+
+    GstBuffer *pictureBuffer = nullptr;
+    if (gst_buffer_pool_acquire_buffer(m_pool, &pictureBuffer, nullptr) != GST_FLOW_OK)
+        return nullptr;
+    GstVideoFrame in, out;
+    if (!gst_video_frame_map(&in, &m_in, buffer, GST_MAP_READ)) {
+        gst_buffer_unref(pictureBuffer);
+        return nullptr;
+    }
+    if (!gst_video_frame_map(&out, &m_picture, pictureBuffer, GST_MAP_WRITE)) {
+        gst_video_frame_unmap(&in);
+        gst_buffer_unref(pictureBuffer);
+        return nullptr;
+    }
+    convert(in, out);
+    gst_video_frame_unmap(&out);
+    gst_video_frame_unmap(&in);
+    GST_BUFFER_PTS(pictureBuffer) = GST_BUFFER_PTS(buffer);
+    GST_BUFFER_DTS(pictureBuffer) = GST_BUFFER_DTS(buffer);
+    GST_BUFFER_DURATION(pictureBuffer) = GST_BUFFER_DURATION(buffer);
+    GstSample *picture = gst_sample_new(pictureBuffer, m_pictureCaps, gst_sample_get_segment(sample), nullptr);
+    gst_buffer_unref(pictureBuffer);
+    return picture;
+}
+
+} // namespace
 
 // --- CaptureDeviceInput ----------------------------------------------------------
 
@@ -42,6 +262,7 @@ struct VideoDataOutput::DelegateSlot
 {
     std::mutex mutex;
     SampleDelegate delegate;
+    PictureConverter converter; // the streaming thread's only
 };
 
 namespace {
@@ -52,12 +273,21 @@ GstFlowReturn deliverSample(GstAppSink *sink, gpointer data)
     GstSample *sample = gst_app_sink_pull_sample(sink);
     if (!sample)
         return GST_FLOW_EOS;
+    bool wanted;
     {
         std::lock_guard lock(slot.mutex);
-        if (slot.delegate)
-            slot.delegate(sample);
+        wanted = static_cast<bool>(slot.delegate);
     }
+    // Converted outside the lock, so replacing the delegate never waits for a frame.
+    GstSample *picture = wanted ? slot.converter.toPicture(sample) : nullptr;
     gst_sample_unref(sample);
+    if (picture) {
+        std::lock_guard lock(slot.mutex);
+        if (slot.delegate)
+            slot.delegate(picture);
+    }
+    if (picture)
+        gst_sample_unref(picture);
     return GST_FLOW_OK;
 }
 
@@ -89,7 +319,7 @@ VideoDataOutput::VideoDataOutput() : m_slot(std::make_shared<DelegateSlot>())
     GstElement *decoder = makeElement("decodebin");
     GstElement *converter = makeElement("videoconvert");
     GstElement *sink = makeElement("appsink");
-    GstCaps *caps = gst_caps_from_string(kPictureCaps);
+    GstCaps *caps = gst_caps_from_string(kIntakeCaps);
     g_object_set(sink, "caps", caps, "max-buffers", 1u, "drop", TRUE, "sync", FALSE, "enable-last-sample", FALSE,
                  nullptr);
     gst_caps_unref(caps);
