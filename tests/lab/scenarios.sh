@@ -1,0 +1,302 @@
+# Vistrel end-to-end scenarios, run inside the lab guest by guest-init.sh (bash, as root).
+# vivid (a real V4L2 camera driver) -> Vistrel (installed under /usr/local) -> v4l2loopback
+# /dev/video10 -> real readers (ffmpeg, v4l2-ctl). Every assertion is on frames a reader got.
+# Each test prints "LAB-TEST: <name> PASS|FAIL|SKIP <seconds> <summary>"; notes start "LAB:".
+
+LB_NR=10
+LB=/dev/video$LB_NR
+SOCK=/tmp/vistrel-control
+APP_LOG=/tmp/vistrel.log
+APP_PID=
+FRAME_BYTES=$((1280 * 720 * 2))   # one 1280x720 YUYV frame
+MOVIE=/tmp/ramp.mp4
+ONLY=${ONLY:-.}
+
+uptime_s() { cut -d' ' -f1 /proc/uptime; }
+note() { echo "LAB:   [$T_NAME] $*"; }
+ctl() { vistrel-ctl "$SOCK" "$@"; }
+
+# ---------------------------------------------------------------- test bookkeeping
+# run_test NAME FUNCTION: runs the function; it records failures with `expect` and may skip
+# itself by setting T_SKIP. Tests whose name does not match $ONLY (a regex) are not run.
+run_test() {
+  T_NAME=$1 T_FAILED=0 T_SKIP= T_SUMMARY=
+  echo "$T_NAME" | grep -qE "$ONLY" || return 0
+  local t0; t0=$(uptime_s)
+  echo "LAB: ---- $T_NAME"
+  "$2"
+  local status=PASS
+  [ "$T_FAILED" = 0 ] || status=FAIL
+  [ -n "$T_SKIP" ] && [ "$T_FAILED" = 0 ] && { status=SKIP; T_SUMMARY=$T_SKIP; }
+  if [ "$status" = FAIL ] && [ -f "$APP_LOG" ]; then
+    tail -n 15 "$APP_LOG" | sed "s/^/LAB:   [$T_NAME] app: /"
+  fi
+  echo "LAB-TEST: $T_NAME $status $(echo "$(uptime_s) $t0" | awk '{printf "%.1f", $1-$2}') $T_SUMMARY"
+}
+# expect DESCRIPTION COMMAND...: the command's success is the assertion.
+expect() {
+  local what=$1; shift
+  if "$@"; then note "ok: $what"; else note "FAILED: $what"; T_FAILED=1; fi
+}
+summary() { T_SUMMARY="${T_SUMMARY:+$T_SUMMARY; }$*"; note "$*"; }
+between() { awk -v v="$1" -v lo="$2" -v hi="$3" 'BEGIN{exit !(v != "" && v+0 >= lo && v+0 <= hi)}'; }
+at_most() { awk -v v="$1" -v hi="$2" 'BEGIN{exit !(v != "" && v+0 <= hi)}'; }
+at_least() { awk -v v="$1" -v lo="$2" 'BEGIN{exit !(v != "" && v+0 >= lo)}'; }
+
+# ---------------------------------------------------------------- the device and the app
+offers_capture() { v4l2-ctl -d "$LB" --info 2>/dev/null | sed -n '/Device Caps/,$p' | grep -q 'Video Capture'; }
+wait_for() { # seconds command...: retries the command until it succeeds or the time is up
+  local end; end=$(echo "$(uptime_s) $1" | awk '{print $1 + $2}'); shift
+  until "$@"; do
+    awk -v now="$(uptime_s)" -v end="$end" 'BEGIN{exit !(now >= end)}' && return 1
+    sleep 0.2
+  done
+}
+app_alive() { [ -n "$APP_PID" ] && kill -0 "$APP_PID" 2>/dev/null; }
+chooser_filled() { local a; a=$(ctl cameras 2>/dev/null) && [ "$a" != ok ]; }
+
+start_app() {
+  rm -rf /tmp/home /tmp/xdg "$SOCK"; mkdir -p /tmp/home/.config/Vistrel /tmp/xdg; chmod 700 /tmp/xdg
+  # onboarding done and the extension installed: the app takes the main-window path at once
+  printf '[General]\nonboardingComplete=true\nextensionInstalled=true\n' >/tmp/home/.config/Vistrel/Vistrel.conf
+  (cd /tmp/home && exec env HOME=/tmp/home XDG_RUNTIME_DIR=/tmp/xdg QT_QPA_PLATFORM=offscreen \
+     VISTREL_UPDATE_URL=http://127.0.0.1:9/updates/latest.json VISTREL_CONTROL_SOCKET="$SOCK" \
+     /usr/local/bin/vistrel) >"$APP_LOG" 2>&1 &
+  APP_PID=$!
+  local t0; t0=$(uptime_s)
+  if wait_for 90 chooser_filled; then
+    note "vistrel (pid $APP_PID) up, chooser filled after $(echo "$(uptime_s) $t0" | awk '{printf "%.1f", $1-$2}')s"
+  else
+    note "vistrel did not fill its camera chooser within 90 s (alive: $(app_alive && echo yes || echo no); control: $(ctl cameras 2>&1))"
+    tail -n 20 "$APP_LOG" | sed 's/^/LAB:     app: /'
+  fi
+}
+stop_app() {
+  app_alive || { APP_PID=; return 0; }
+  kill -TERM "$APP_PID" 2>/dev/null
+  wait_for 10 eval '! app_alive' || kill -KILL "$APP_PID" 2>/dev/null
+  wait "$APP_PID" 2>/dev/null
+  APP_PID=
+}
+load_loopback() { # loader args...
+  unload_loopback
+  "$@" devices=1 video_nr=$LB_NR card_label=Vistrel exclusive_caps=1 2>/tmp/load.err \
+    || { echo "LAB: loading v4l2loopback failed: $(cat /tmp/load.err)"; return 1; }
+  wait_for 10 test -c "$LB"
+}
+unload_loopback() { modprobe -r v4l2loopback 2>/dev/null || rmmod v4l2loopback 2>/dev/null; true; }
+
+# ---------------------------------------------------------------- readers
+# frames_md5 COUNT FILE: ffmpeg reads COUNT frames from the loopback device, one md5 per frame.
+frames_md5() {
+  timeout 90 ffmpeg -hide_banner -nostdin -loglevel error -y -f v4l2 -i "$LB" -fps_mode passthrough \
+    -frames:v "$1" -f framemd5 "$2" 2>"$2.err"
+}
+# md5_stats FILE: "frames distinct size fps longest-identical-run"
+md5_stats() {
+  awk -F', *' '/^#tb/{split($0,a,"/"); tb=1/a[2]} /^[0-9]/{n++; if(!($6 in seen)){seen[$6]=1; d++}
+    if($6==prev){run++} else {run=1} if(run>maxrun)maxrun=run; prev=$6; size=$5; if(n==1)t0=$3; t1=$3}
+    END{fps=(n>1&&t1>t0)?(n-1)/((t1-t0)*tb):0; printf "%d %d %d %.1f %d\n", n, d, size, fps, maxrun}' "$1"
+}
+# stream_seq COUNT LOG: v4l2-ctl reads COUNT buffers; prints "buffers first-seq last-seq fps-by-timestamps"
+stream_seq() {
+  timeout 90 v4l2-ctl -d "$LB" --stream-mmap --stream-count="$1" --stream-to=/dev/null --verbose >"$2" 2>&1
+  awk '/cap dqbuf/{n++; for(i=1;i<=NF;i++){if($i=="seq:")s=$(i+1); if($i=="ts:")t=$(i+1)}
+         if(n==1)f=s; l=s; if(n==2)t0=t; t1=t}
+       END{printf "%d %s %s %s\n", n, (n?f:"-"), (n?l:"-"), (n>2&&t1>t0)?sprintf("%.1f",(n-2)/(t1-t0)):"0"}' "$2"
+}
+
+# ---------------------------------------------------------------- scenarios
+EXTENSION_ID=app.vistrel.Vistrel.cameraextension
+HELPER=/usr/local/libexec/vistrel/vistrel-camera-extension-helper
+helper() { # verb: runs the installed helper as root (no pkexec), its one answer line in $ANSWER
+  local rc=0
+  ANSWER=$("$HELPER" "$1" "$EXTENSION_ID" 2>/tmp/helper.err) || rc=$?
+  note "helper $1 -> rc=$rc: $ANSWER$( [ -s /tmp/helper.err ] && echo " (stderr: $(tr '\n' ' ' </tmp/helper.err))")"
+  return $rc
+}
+vistrel_nodes() { grep -l Vistrel /sys/class/video4linux/*/name 2>/dev/null | sed 's|/sys/class/video4linux/\(.*\)/name|/dev/\1|'; }
+test_install() {
+  if [ ! -x "$HELPER" ]; then T_SKIP="not yet built: no installation helper at $HELPER"; return; fi
+  unload_loopback
+  expect "no Vistrel device before activation" [ -z "$(vistrel_nodes)" ]
+  helper activate
+  expect "activate completes (outcome completed)" [ "$ANSWER" = "outcome completed" ]
+  expect "the module configuration is installed in /etc/modprobe.d" sh -c 'grep -qs v4l2loopback /etc/modprobe.d/*'
+  local node; node=$(vistrel_nodes | head -n1)
+  expect "a video device named Vistrel exists (${node:-none})" [ -n "$node" ]
+  helper status
+  local status=$ANSWER
+  # the records the app's probes read: the installed configuration's state, the live module,
+  # and a video4linux device whose name contains "Vistrel"
+  expect "probe: installed (state=activated_enabled)" sh -c "echo '$status' | grep -q 'state=activated_enabled'"
+  expect "probe: activated (module loaded, camera $node)" sh -c "echo '$status' | grep -q 'module=loaded' && echo '$status' | grep -q 'camera=$node'"
+  helper deactivate
+  expect "deactivate completes (outcome completed)" [ "$ANSWER" = "outcome completed" ]
+  expect "no Vistrel device is left" [ -z "$(vistrel_nodes)" ]
+  expect "the module configuration is removed" sh -c '! grep -qs v4l2loopback /etc/modprobe.d/*'
+  helper status
+  expect "probe: no longer installed" sh -c "! echo '$ANSWER' | grep -q 'state=activated_enabled'"
+  summary "activate -> $node; status: $(echo "$status" | sed 's/^status //')"
+}
+
+# Before Vistrel writes, the loopback device is no capture device; once its sink started, readers
+# find a 1280x720 YUYV capture device. (Starts the app for the tests that follow.)
+test_exclusive_caps() {
+  expect "before Vistrel: the device offers no Video Capture" eval '! offers_capture'
+  expect "before Vistrel: a reader cannot open it for capture" \
+    eval '! timeout 20 ffmpeg -hide_banner -nostdin -loglevel error -f v4l2 -i "$LB" -frames:v 1 -f null - 2>/dev/null'
+  start_app
+  expect "vistrel is running" app_alive
+  expect "after the sink started: Video Capture offered" wait_for 30 offers_capture
+  local fmt; fmt=$(v4l2-ctl -d "$LB" --get-fmt-video 2>&1)
+  expect "a reader opens it and finds 1280x720 YUYV" sh -c "echo '$fmt' | grep -q 'Width/Height *: *1280/720' && echo '$fmt' | grep -q YUYV"
+  summary "caps before: $(v4l2-ctl -d "$LB" --info 2>/dev/null | sed -n '/Device Caps/,$p' | grep -cE 'Video (Capture|Output)') video cap(s) now; $(echo "$fmt" | grep -E 'Width|Pixel' | tr -d '\t' | tr '\n' ' ')"
+}
+
+# The reader-count gate. 0.13+: nothing is written while no one reads; a reader starts the flow
+# within the 2 s poll; after it leaves the flow stops. 0.12.x has no reader count: it just streams.
+test_streaming_gate() {
+  local gated=$1
+  app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
+  note "idle for 8 s with no reader"
+  sleep 8
+  local r1 n1 f1 l1 fps1
+  r1=$(stream_seq 120 /tmp/gate1.log); read -r n1 f1 l1 fps1 <<<"$r1"
+  note "reader 1 (v4l2-ctl --stream-mmap, 120 buffers): got $n1, sequence $f1..$l1, $fps1 fps by timestamps"
+  expect "reader 1 got 120 frames" [ "$n1" = 120 ]
+  expect "frames flow at ~30 fps (24..36)" between "$fps1" 24 36
+  if [ "$gated" = yes ]; then
+    expect "nothing was written before the reader came (first sequence $f1 <= 5)" at_most "$f1" 5
+    sleep 8
+    local r2 n2 f2 l2 fps2
+    r2=$(stream_seq 10 /tmp/gate2.log); read -r n2 f2 l2 fps2 <<<"$r2"
+    note "reader 2 after 8 s without a reader: got $n2, sequence $f2..$l2"
+    # up to one 2 s poll period of frames may follow the reader's departure; 8 s ungated would be ~240
+    expect "the flow stopped when reader 1 left (gap $((f2 - l1)) frames <= 90)" at_most "$((f2 - l1))" 90
+    summary "no reader: first seq $f1; reader: $n1 frames at $fps1 fps; after leaving: gap $((f2 - l1)) frames in 8 s"
+  else
+    expect "with no reader count the writer kept streaming (first sequence $f1 >= 120 after 8 s)" at_least "$f1" 120
+    summary "streams without a reader (seq $f1 after 8 s idle); $n1 frames at $fps1 fps"
+  fi
+}
+
+test_camera_in() {
+  app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
+  local cams; cams=$(ctl cameras)
+  note "chooser: $cams"
+  expect "vivid is listed in the chooser" sh -c "echo '$cams' | grep -qi vivid"
+  expect "the loopback device (Vistrel) is not listed" sh -c "! echo '${cams#ok }' | tr '|' '\n' | sed 's/^ *//; s/ *$//' | grep -qx Vistrel"
+  frames_md5 90 /tmp/cam.md5
+  local n d size fps run; read -r n d size fps run <<<"$(md5_stats /tmp/cam.md5)"
+  expect "90 frames read" [ "$n" = 90 ]
+  expect "each frame is 1280x720 YUYV ($FRAME_BYTES bytes)" [ "$size" = "$FRAME_BYTES" ]
+  expect "the frames change over time (distinct $d >= 10)" at_least "$d" 10
+  summary "$n frames, $d distinct, $size bytes each, $fps fps, longest identical run $run"
+}
+
+test_freeze() {
+  app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
+  local a n d size fps run
+  a=$(ctl freeze); note "freeze -> $a"
+  expect "Freeze pressed (button now reads Unfreeze)" [ "$a" = "ok Unfreeze" ]
+  sleep 0.5
+  frames_md5 60 /tmp/frozen.md5; read -r n d size fps run <<<"$(md5_stats /tmp/frozen.md5)"
+  expect "frozen: $n frames all byte-identical (distinct $d)" sh -c "[ $n = 60 ] && [ $d = 1 ]"
+  local frozen="$n frames, $d distinct at $fps fps"
+  local hash; hash=$(awk -F', *' '/^[0-9]/{print $6; exit}' /tmp/frozen.md5)
+  a=$(ctl freeze); note "freeze -> $a"
+  expect "Unfreeze pressed (button now reads Freeze)" [ "$a" = "ok Freeze" ]
+  sleep 0.5
+  frames_md5 60 /tmp/thawed.md5; read -r n d size fps run <<<"$(md5_stats /tmp/thawed.md5)"
+  expect "after Unfreeze the frames change again (distinct $d >= 5)" at_least "$d" 5
+  expect "and leave the frozen picture" sh -c "[ \$(grep -c '$hash' /tmp/thawed.md5) -le 2 ]"
+  summary "frozen: $frozen; after Unfreeze: $n frames, $d distinct"
+}
+
+test_stutter() {
+  app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
+  local a; a=$(ctl stutter); note "stutter -> $a"
+  expect "Stutter pressed (button now reads Stop)" [ "$a" = "ok Stop" ]
+  frames_md5 240 /tmp/stutter.md5
+  # runs of identical frames with their durations; a frozen phase is a run of >= 0.6 s
+  awk -F', *' '/^#tb/{split($0,x,"/"); tb=1/x[2]} /^[0-9]/{t=$3*tb; if($6!=prev){if(n)print start, last-start+1/30, n; start=t; n=0} n++; last=t; prev=$6}
+       END{print start, last-start+1/30, n}' /tmp/stutter.md5 >/tmp/stutter.runs
+  local frozen live; frozen=$(awk '$2>=0.6' /tmp/stutter.runs | wc -l)
+  # live gaps: time between the end of one frozen run and the start of the next
+  live=$(awk '$2>=0.6{if(e)printf "%.2f ", $1-e; e=$1+$2}' /tmp/stutter.runs)
+  local lens; lens=$(awk '$2>=0.6{printf "%.2f ", $2}' /tmp/stutter.runs)
+  note "frozen phases (s): $lens; live phases between them (s): $live"
+  expect "at least 3 frozen phases in 8 s of frames ($frozen)" at_least "$frozen" 3
+  expect "frozen phases last ~1 s (0.6..1.6)" sh -c "for v in $lens; do awk -v v=\$v 'BEGIN{exit !(v<=1.6)}' || exit 1; done"
+  expect "live phases between them last ~1 s (0.5..1.6)" sh -c "[ -n '$live' ] && for v in $live; do awk -v v=\$v 'BEGIN{exit !(v>=0.5 && v<=1.6)}' || exit 1; done"
+  a=$(ctl stutter); note "stutter -> $a"
+  expect "Stop pressed (button reads Stutter again)" [ "$a" = "ok Stutter" ]
+  sleep 0.5
+  frames_md5 30 /tmp/after-stutter.md5
+  local n d size fps run; read -r n d size fps run <<<"$(md5_stats /tmp/after-stutter.md5)"
+  expect "after Stop the picture is live (longest identical run $run < 15)" at_most "$run" 14
+  summary "$frozen frozen phases of ${lens}s, live phases ${live}s"
+}
+
+# A movie whose brightness ramps up over 2 s: forwards the readers see the ramp rise, backwards fall.
+make_movie() {
+  [ -f "$MOVIE" ] && return 0
+  ffmpeg -hide_banner -nostdin -loglevel error -y -f lavfi \
+    -i "color=c=black:s=320x240:r=24:d=2,geq=lum='clip(24+T*100\,16\,235)':cb=128:cr=128" \
+    -c:v mpeg4 -q:v 2 -g 12 -pix_fmt yuv420p "$MOVIE"
+}
+test_movie() {
+  app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
+  expect "a test movie was made" make_movie
+  local a; a=$(ctl open "$MOVIE"); note "open -> $a"
+  expect "Open Movie pressed with the file chosen" sh -c "echo '$a' | grep -q '^ok'"
+  timeout 90 ffmpeg -hide_banner -nostdin -loglevel error -y -f v4l2 -i "$LB" -frames:v 300 \
+    -vf "signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=/tmp/movie.yavg" -f null - 2>/tmp/movie.err
+  grep -o 'YAVG=[0-9.]*' /tmp/movie.yavg | cut -d= -f2 >/tmp/movie.y
+  note "mean luma of the frames read: $(awk '{printf "%d ", $1}' /tmp/movie.y | cut -c1-600)"
+  # a rising pass then a falling pass, each moving through the middle of the ramp (not a jump back)
+  local verdict; verdict=$(awk '
+    {y[NR]=$1}
+    END{lo=70; hi=180; state=0; mid=0; ups=0; downs=0
+      for(i=1;i<=NR;i++){v=y[i]
+        if(state==0 && v<=lo){state=1; mid=0}
+        else if(state==1){ if(v>lo && v<hi) mid++; if(v>=hi){ if(mid>=5) ups++; state=2; mid=0 } if(v<=lo) mid=0 }
+        else if(state==2){ if(v>lo && v<hi) mid++; if(v<=lo){ if(mid>=5) downs++; state=1; mid=0 } if(v>=hi) mid=0 }
+      }
+      printf "%d %d\n", ups, downs}' /tmp/movie.y)
+  local ups downs; read -r ups downs <<<"$verdict"
+  expect "the movie reached the reader forwards ($ups rising passes)" at_least "$ups" 1
+  expect "and then backwards ($downs falling passes)" at_least "$downs" 1
+  a=$(ctl stop); note "stop -> $a"
+  expect "Stop Movie pressed" [ "$a" = "ok Stop Movie" ]
+  summary "$(wc -l </tmp/movie.y) frames: $ups rising and $downs falling passes"
+}
+
+# The loopback device removed under a streaming Vistrel: it logs the failure and keeps running.
+test_fault() {
+  app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
+  timeout 60 v4l2-ctl -d "$LB" --stream-mmap --stream-count=100000 --stream-to=/dev/null >/tmp/fault-reader.log 2>&1 &
+  local reader=$!
+  sleep 3
+  local out; out=$(lb-remove $LB_NR 2>&1)
+  note "v4l2loopback-ctl delete equivalent: $out"
+  if ! [ -e "$LB" ] || out=$(rmmod -f v4l2loopback 2>&1); then
+    note "rmmod -f v4l2loopback: ${out:-done}"
+  else
+    note "rmmod -f v4l2loopback failed: $out"
+    kill $reader 2>/dev/null
+    T_SKIP="the device could not be removed while in use here ($out)"; return
+  fi
+  sleep 6
+  kill $reader 2>/dev/null; wait $reader 2>/dev/null
+  expect "the device is gone" test ! -e "$LB"
+  expect "vistrel keeps running" app_alive
+  local a; a=$(ctl freeze 2>&1); note "freeze -> $a"
+  expect "and still answers its controls" [ "$a" = "ok Unfreeze" ]
+  local logged; logged=$(grep -E "$LB|video$LB_NR" "$APP_LOG" | grep -iE 'fail|error|No such' | tail -n 3 | tr '\n' ' ')
+  note "app log lines about the device: ${logged:-none}"
+  expect "the failure was logged" [ -n "$logged" ]
+  dmesg | grep -qE 'BUG:|Oops' && note "kernel: $(dmesg | grep -m1 -E 'BUG:|Oops')"
+  summary "device removed by force; app alive; logged: $(echo "$logged" | cut -c1-160)"
+}
