@@ -1,8 +1,7 @@
-// The onboarding decision, the set-up view's rows, actions and refresh timer, and the
+// The set-up view's rows, actions and refresh timer, and the
 // window that hosts it, offscreen.
 #include "app/TraceLog.h"
 #include "onboarding/OnboardingCoordinator.h"
-#include "onboarding/OnboardingManager.h"
 #include "onboarding/OnboardingView.h"
 #include "sysext/CameraExtensionHelper.h"
 
@@ -46,43 +45,6 @@ protected:
 };
 
 } // namespace
-
-TEST(OnboardingManagerTest, TheDecisionTableAndTheStoredFlagShortCircuit)
-{
-    struct Case
-    {
-        const char *name;
-        bool complete;
-        int camera;
-        bool flag;
-        bool installedProbe;
-        bool activatedProbe;
-        bool needed;
-    };
-    const Case cases[] = {
-        {"fresh", false, camera::NotDetermined, false, false, false, true},
-        {"all stored", true, camera::Authorized, true, false, false, false},
-        {"installed, not activated", true, camera::Authorized, false, true, false, true},
-        {"installed and activated", true, camera::Authorized, false, true, true, false},
-        {"no extension though complete", true, camera::Authorized, false, false, true, true},
-        {"restricted", true, camera::Restricted, true, true, true, true},
-        {"denied", true, camera::Denied, true, true, true, true},
-        {"not complete", false, camera::Authorized, true, true, true, true},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
-        test::TestServices env;
-        env.defaults->setBool(QStringLiteral("onboardingComplete"), c.complete);
-        env.defaults->setBool(QStringLiteral("extensionInstalled"), c.flag);
-        env.cameraAuthorization.status = c.camera;
-        env.extensionProbes.installed = c.installedProbe;
-        env.extensionProbes.activated = c.activatedProbe;
-        EXPECT_EQ(OnboardingManager(env.services).isOnboardingNeeded(), c.needed);
-        if (c.flag) {
-            EXPECT_EQ(env.extensionProbes.installedCalls + env.extensionProbes.activatedCalls, 0) << "the flag stands for both probes";
-        }
-    }
-}
 
 TEST_F(OnboardingViewTest, RowsFollowTheFlagsAndFinishIsGreyUntilEverythingIsDone)
 {
