@@ -30,6 +30,10 @@ constexpr const char *kIntakeCaps =
 // Turns each decoded camera frame into a picture-format (BGRx) sample. Buffers come
 // from a pool and go back to it once the last picture made of them is released, so a
 // frame costs no pixel allocation. Used by one streaming thread at a time.
+//
+// BT.601 (what USB cameras and JPEG use) goes through libyuv. libyuv's BT.709 and
+// BT.2020 tables clip strong blues by up to 16 levels, so frames in those matrices go
+// through GStreamer's own converter instead: slower, but true to the camera.
 class PictureConverter
 {
 public:
@@ -54,25 +58,30 @@ private:
     GstVideoInfo m_picture{};
     GstCaps *m_pictureCaps = nullptr;
     GstBufferPool *m_pool = nullptr;
-    const libyuv::YuvConstants *m_matrix = &libyuv::kYuvI601Constants;
-    std::vector<std::uint8_t> m_planes; // 4:2:2 planes for packed input in a matrix libyuv reads only planar
+    const libyuv::YuvConstants *m_matrix = nullptr;
+    GstVideoConverter *m_exactConverter = nullptr; // for the matrices libyuv approximates
+    std::vector<std::uint8_t> m_planes; // full-range packed frames, split into 4:2:2 planes
 };
 
-const libyuv::YuvConstants *matrixFor(const GstVideoColorimetry &colorimetry)
+// libyuv's table for a BT.601 frame, or null for the other matrices.
+const libyuv::YuvConstants *libyuvMatrixFor(const GstVideoColorimetry &colorimetry)
 {
-    const bool full = colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255;
     switch (colorimetry.matrix) {
-    case GST_VIDEO_COLOR_MATRIX_BT709:
-        return full ? &libyuv::kYuvF709Constants : &libyuv::kYuvH709Constants;
-    case GST_VIDEO_COLOR_MATRIX_BT2020:
-        return full ? &libyuv::kYuvV2020Constants : &libyuv::kYuv2020Constants;
-    default: // BT.601 and the unknown: what cameras and JPEG use
-        return full ? &libyuv::kYuvJPEGConstants : &libyuv::kYuvI601Constants;
+    case GST_VIDEO_COLOR_MATRIX_BT601:
+    case GST_VIDEO_COLOR_MATRIX_UNKNOWN:
+        return colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255 ? &libyuv::kYuvJPEGConstants
+                                                                : &libyuv::kYuvI601Constants;
+    default:
+        return nullptr;
     }
 }
 
 void PictureConverter::reset()
 {
+    if (m_exactConverter) {
+        gst_video_converter_free(m_exactConverter);
+        m_exactConverter = nullptr;
+    }
     if (m_pool) {
         gst_buffer_pool_set_active(m_pool, FALSE);
         gst_object_unref(m_pool);
@@ -102,7 +111,6 @@ bool PictureConverter::prepare(GstCaps *caps)
     default:
         return false; // BGRx passes as it is
     }
-    m_matrix = matrixFor(GST_VIDEO_INFO_COLORIMETRY(&m_in));
 
     GstVideoInfo &picture = m_picture;
     gst_video_info_set_format(&picture, GST_VIDEO_FORMAT_BGRx, GST_VIDEO_INFO_WIDTH(&m_in),
@@ -112,6 +120,13 @@ bool PictureConverter::prepare(GstCaps *caps)
     GST_VIDEO_INFO_PAR_N(&picture) = GST_VIDEO_INFO_PAR_N(&m_in);
     GST_VIDEO_INFO_PAR_D(&picture) = GST_VIDEO_INFO_PAR_D(&m_in);
     m_pictureCaps = gst_video_info_to_caps(&picture);
+
+    m_matrix = libyuvMatrixFor(GST_VIDEO_INFO_COLORIMETRY(&m_in));
+    if (!m_matrix) {
+        m_exactConverter = gst_video_converter_new(&m_in, &picture, nullptr);
+        if (!m_exactConverter)
+            return false;
+    }
 
     m_pool = gst_video_buffer_pool_new();
     GstStructure *config = gst_buffer_pool_get_config(m_pool);
@@ -127,19 +142,16 @@ bool PictureConverter::prepare(GstCaps *caps)
         m_pool = nullptr;
         return false;
     }
-    if (GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_YUY2 || GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_UYVY) {
-        if (m_matrix != &libyuv::kYuvI601Constants) {
-            const std::size_t width = GST_VIDEO_INFO_WIDTH(&m_in);
-            const std::size_t height = GST_VIDEO_INFO_HEIGHT(&m_in);
-            m_planes.resize(width * height + 2 * ((width + 1) / 2) * height);
-        }
-    }
     m_passthrough = false;
     return true;
 }
 
 void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
 {
+    if (m_exactConverter) {
+        gst_video_converter_frame(m_exactConverter, &in, &out);
+        return;
+    }
     auto *bgrx = static_cast<std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&out, 0));
     const int bgrxStride = GST_VIDEO_FRAME_PLANE_STRIDE(&out, 0);
     const int width = GST_VIDEO_FRAME_WIDTH(&in);
@@ -150,10 +162,12 @@ void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
     const int uStride = GST_VIDEO_FRAME_COMP_STRIDE(&in, GST_VIDEO_COMP_U);
     const auto *v = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&in, GST_VIDEO_COMP_V));
     const int vStride = GST_VIDEO_FRAME_COMP_STRIDE(&in, GST_VIDEO_COMP_V);
+    const auto *packed = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&in, 0));
+    const int packedStride = GST_VIDEO_FRAME_PLANE_STRIDE(&in, 0);
     // libyuv's "ARGB" is B,G,R,A in memory: BGRx with an opaque fourth byte.
     switch (GST_VIDEO_FRAME_FORMAT(&in)) {
     case GST_VIDEO_FORMAT_I420:
-    case GST_VIDEO_FORMAT_YV12:
+    case GST_VIDEO_FORMAT_YV12: // the same planes in another order; the component pointers sort that out
         libyuv::I420ToARGBMatrix(y, yStride, u, uStride, v, vStride, bgrx, bgrxStride, m_matrix, width, height);
         break;
     case GST_VIDEO_FORMAT_Y42B:
@@ -170,10 +184,10 @@ void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
         break;
     case GST_VIDEO_FORMAT_YUY2:
     case GST_VIDEO_FORMAT_UYVY: {
-        const auto *packed = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&in, 0));
-        const int packedStride = GST_VIDEO_FRAME_PLANE_STRIDE(&in, 0);
+        // libyuv's packed converters know limited-range BT.601 only; a full-range
+        // frame is split into planes first.
         const bool yuy2 = GST_VIDEO_FRAME_FORMAT(&in) == GST_VIDEO_FORMAT_YUY2;
-        if (m_matrix == &libyuv::kYuvI601Constants) { // libyuv's packed converters speak BT.601 only
+        if (m_matrix == &libyuv::kYuvI601Constants) {
             if (yuy2)
                 libyuv::YUY2ToARGB(packed, packedStride, bgrx, bgrxStride, width, height);
             else
@@ -181,6 +195,7 @@ void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
             break;
         }
         const int chromaWidth = (width + 1) / 2;
+        m_planes.resize(static_cast<std::size_t>(width + 2 * chromaWidth) * static_cast<std::size_t>(height)); // once
         std::uint8_t *planeY = m_planes.data();
         std::uint8_t *planeU = planeY + static_cast<std::size_t>(width) * height;
         std::uint8_t *planeV = planeU + static_cast<std::size_t>(chromaWidth) * height;

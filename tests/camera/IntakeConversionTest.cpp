@@ -1,0 +1,246 @@
+// The capture output's own conversion of camera YUV into the picture format, checked
+// against GStreamer's videoconvert on the same frames, in each layout, matrix and range
+// a camera may use.
+#include "camera/CaptureSession.h"
+#include "camera/SampleImage.h"
+
+#include <QImage>
+#include <condition_variable>
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+#include <gst/video/video.h>
+#include <gtest/gtest.h>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+namespace vistrel::camera {
+namespace {
+
+// Smooth in both directions with saturated corners, so subsampled chroma stays close
+// and a wrong matrix, range or chroma order shows as large errors.
+QImage gradient(int width, int height)
+{
+    QImage picture(width, height, QImage::Format_RGB32);
+    for (int y = 0; y < height; ++y)
+        for (int x = 0; x < width; ++x) {
+            const int red = 255 * x / (width - 1);
+            const int green = 255 * y / (height - 1);
+            picture.setPixel(x, y, qRgb(red, green, 255 - (red + green) / 2));
+        }
+    return picture;
+}
+
+using SamplePtr = std::shared_ptr<GstSample>;
+
+// One frame through videoconvert into `caps`.
+SamplePtr videoconvert(GstCaps *inputCaps, GstBuffer *buffer, const QByteArray &caps)
+{
+    const QByteArray description = "appsrc name=in format=time ! videoconvert ! " + caps + " ! appsink name=out";
+    GstElement *pipeline = gst_parse_launch(description.constData(), nullptr);
+    GstElement *in = gst_bin_get_by_name(GST_BIN(pipeline), "in");
+    GstElement *out = gst_bin_get_by_name(GST_BIN(pipeline), "out");
+    g_object_set(in, "caps", inputCaps, nullptr);
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    gst_app_src_push_buffer(GST_APP_SRC(in), buffer);
+    SamplePtr frame(gst_app_sink_try_pull_sample(GST_APP_SINK(out), 5 * GST_SECOND), gst_sample_unref);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(in);
+    gst_object_unref(out);
+    gst_object_unref(pipeline);
+    return frame;
+}
+
+// The picture as a camera frame in `format` with `colorimetry`.
+SamplePtr cameraFrame(const QImage &picture, const char *format, const char *colorimetry)
+{
+    GstVideoInfo info;
+    gst_video_info_set_format(&info, GST_VIDEO_FORMAT_BGRx, picture.width(), picture.height());
+    GstCaps *caps = gst_video_info_to_caps(&info);
+    const QImage packed = picture.copy(); // rows of exactly width * 4 bytes, as BGRx wants
+    SamplePtr frame = videoconvert(caps, gst_buffer_new_memdup(packed.constBits(), packed.sizeInBytes()),
+                                   QByteArray("video/x-raw,format=") + format + ",colorimetry=" + colorimetry);
+    gst_caps_unref(caps);
+    return frame;
+}
+
+// What videoconvert makes of a camera frame in the picture format.
+QImage videoconvertPicture(const SamplePtr &frame)
+{
+    const SamplePtr converted = videoconvert(gst_sample_get_caps(frame.get()),
+                                             gst_buffer_ref(gst_sample_get_buffer(frame.get())),
+                                             "video/x-raw,format=BGRx");
+    return converted ? imageFromSample(converted.get()).copy() : QImage();
+}
+
+// A camera source feeding the real VideoDataOutput; each delivered sample is kept.
+class Intake
+{
+public:
+    explicit Intake(GstCaps *caps) : m_output(std::make_shared<VideoDataOutput>())
+    {
+        m_pipeline = gst_pipeline_new(nullptr);
+        m_source = gst_element_factory_make("appsrc", nullptr);
+        g_object_set(m_source, "caps", caps, "format", GST_FORMAT_TIME, nullptr);
+        gst_bin_add_many(GST_BIN(m_pipeline), m_source, m_output->element(), nullptr);
+        gst_element_link(m_source, m_output->element());
+        m_output->setSampleBufferDelegate([this](GstSample *sample) {
+            std::lock_guard lock(m_mutex);
+            m_sample = SamplePtr(gst_sample_ref(sample), gst_sample_unref);
+            m_arrived.notify_one();
+        });
+        gst_element_set_state(m_pipeline, GST_STATE_PLAYING);
+    }
+    ~Intake()
+    {
+        m_output->setSampleBufferDelegate(nullptr);
+        gst_element_set_state(m_pipeline, GST_STATE_NULL);
+        gst_object_unref(m_pipeline);
+    }
+
+    void setCaps(GstCaps *caps) { g_object_set(m_source, "caps", caps, nullptr); }
+
+    SamplePtr deliver(const SamplePtr &frame)
+    {
+        std::unique_lock lock(m_mutex);
+        m_sample.reset();
+        gst_app_src_push_buffer(GST_APP_SRC(m_source), gst_buffer_ref(gst_sample_get_buffer(frame.get())));
+        m_arrived.wait_for(lock, std::chrono::seconds(5), [this] { return m_sample != nullptr; });
+        return std::move(m_sample);
+    }
+
+private:
+    std::shared_ptr<VideoDataOutput> m_output;
+    GstElement *m_pipeline;
+    GstElement *m_source;
+    std::mutex m_mutex;
+    std::condition_variable m_arrived;
+    SamplePtr m_sample;
+};
+
+int largestChannelError(const QImage &a, const QImage &b)
+{
+    int largest = 0;
+    for (int y = 0; y < a.height(); ++y)
+        for (int x = 0; x < a.width(); ++x) {
+            const QRgb p = a.pixel(x, y), q = b.pixel(x, y);
+            largest = std::max({largest, std::abs(qRed(p) - qRed(q)), std::abs(qGreen(p) - qGreen(q)),
+                                std::abs(qBlue(p) - qBlue(q))});
+        }
+    return largest;
+}
+
+// Full-range BT.601, as JPEG decoders label their frames.
+constexpr const char *kFullRange601 = "1:4:0:0";
+
+struct Layout
+{
+    const char *format;
+    const char *colorimetry;
+    int tolerance; // libyuv's 6-bit BT.601 tables stray up to 7 levels at saturated ends
+};
+
+// Every layout the output converts itself, each in a matrix and range cameras use
+// (BT.601 limited: USB cameras; full range: JPEG; BT.709 and BT.2020: HD and HDR
+// sources), at an even and an odd size.
+TEST(IntakeConversionTest, CameraYuvBecomesThePictureItWasMadeFrom)
+{
+    const Layout layouts[] = {{"YUY2", "bt601", 7},  {"YUY2", kFullRange601, 7},  {"UYVY", "bt601", 7},
+                              {"UYVY", "bt709", 1},  {"NV12", "bt709", 1}, {"NV21", "bt601", 7},
+                              {"I420", kFullRange601, 7},   {"YV12", "bt601", 7}, {"Y42B", "bt601", 7},
+                              {"Y444", kFullRange601, 7},   {"I420", "bt709", 1}, {"Y444", "bt2020", 1}};
+    for (const QSize size : {QSize(256, 192), QSize(257, 193)}) {
+        const QImage picture = gradient(size.width(), size.height());
+        for (const Layout &layout : layouts) {
+            SCOPED_TRACE(testing::Message() << layout.format << " " << layout.colorimetry << " " << size.width());
+            const SamplePtr frame = cameraFrame(picture, layout.format, layout.colorimetry);
+            ASSERT_TRUE(frame);
+            Intake intake(gst_sample_get_caps(frame.get()));
+            const SamplePtr delivered = intake.deliver(frame);
+            ASSERT_TRUE(delivered);
+            // Converted here, not passed on: the pictures come from a pool of their own.
+            EXPECT_NE(gst_sample_get_buffer(delivered.get()), gst_sample_get_buffer(frame.get()));
+            EXPECT_NE(gst_sample_get_buffer(delivered.get())->pool, nullptr);
+            const QImage converted = imageFromSample(delivered.get());
+            ASSERT_EQ(converted.size(), size);
+            EXPECT_LE(largestChannelError(converted, videoconvertPicture(frame)), layout.tolerance);
+        }
+    }
+}
+
+// A flat frame of one YUV value in `format` (I420 or YUY2), labelled `colorimetry`.
+SamplePtr flatFrame(const char *format, const char *colorimetry, guint8 luma, guint8 chroma)
+{
+    GstVideoInfo info;
+    gst_video_info_set_format(&info, gst_video_format_from_string(format), 16, 16);
+    gst_video_colorimetry_from_string(&GST_VIDEO_INFO_COLORIMETRY(&info), colorimetry);
+    GstBuffer *buffer = gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&info), nullptr);
+    GstVideoFrame frame;
+    gst_video_frame_map(&frame, &info, buffer, GST_MAP_WRITE);
+    if (GST_VIDEO_INFO_FORMAT(&info) == GST_VIDEO_FORMAT_YUY2) {
+        auto *bytes = static_cast<guint8 *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
+        for (gsize i = 0; i < GST_VIDEO_INFO_SIZE(&info); ++i)
+            bytes[i] = i % 2 == 0 ? luma : chroma;
+    } else {
+        for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(&frame); ++plane)
+            memset(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane), plane == 0 ? luma : chroma,
+                   GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane) * GST_VIDEO_FRAME_COMP_HEIGHT(&frame, plane));
+    }
+    gst_video_frame_unmap(&frame);
+    GstCaps *caps = gst_video_info_to_caps(&info);
+    SamplePtr sample(gst_sample_new(buffer, caps, nullptr, nullptr), gst_sample_unref);
+    gst_caps_unref(caps);
+    gst_buffer_unref(buffer);
+    return sample;
+}
+
+// Luma 235 is the top of the limited range (white) but a light grey in full range, as
+// JPEG and some cameras send it.
+TEST(IntakeConversionTest, TheFramesRangeDecidesItsLevels)
+{
+    for (const char *format : {"I420", "YUY2"}) {
+        for (const auto &[colorimetry, level] : {std::pair{"bt601", 255}, std::pair{kFullRange601, 235}}) {
+            SCOPED_TRACE(testing::Message() << format << " " << colorimetry);
+            const SamplePtr frame = flatFrame(format, colorimetry, 235, 128);
+            Intake intake(gst_sample_get_caps(frame.get()));
+            const SamplePtr delivered = intake.deliver(frame);
+            ASSERT_TRUE(delivered);
+            const QImage picture = imageFromSample(delivered.get());
+            ASSERT_FALSE(picture.isNull());
+            EXPECT_NEAR(qRed(picture.pixel(8, 8)), level, 2);
+            EXPECT_NEAR(qGreen(picture.pixel(8, 8)), level, 2);
+            EXPECT_NEAR(qBlue(picture.pixel(8, 8)), level, 2);
+        }
+    }
+}
+
+// A camera already in the picture format is wrapped as it is; a camera that changes
+// size mid-stream gets pictures of the new size.
+TEST(IntakeConversionTest, PictureFormatPassesAndNewSizesAreFollowed)
+{
+    const SamplePtr bgrx = cameraFrame(gradient(32, 24), "BGRx", "sRGB");
+    ASSERT_TRUE(bgrx);
+    {
+        Intake intake(gst_sample_get_caps(bgrx.get()));
+        const SamplePtr delivered = intake.deliver(bgrx);
+        ASSERT_TRUE(delivered);
+        EXPECT_EQ(imageFromSample(delivered.get()).constBits(), imageFromSample(bgrx.get()).constBits());
+    }
+
+    const QImage small = gradient(128, 96), large = gradient(256, 192);
+    const SamplePtr first = cameraFrame(small, "NV12", "bt601");
+    const SamplePtr second = cameraFrame(large, "NV12", "bt601");
+    Intake intake(gst_sample_get_caps(first.get()));
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(intake.deliver(first));
+    intake.setCaps(gst_sample_get_caps(second.get()));
+    const SamplePtr resized = intake.deliver(second);
+    ASSERT_TRUE(resized);
+    const QImage picture = imageFromSample(resized.get());
+    ASSERT_EQ(picture.size(), large.size());
+    EXPECT_LE(largestChannelError(picture, videoconvertPicture(second)), 7);
+}
+
+} // namespace
+} // namespace vistrel::camera
