@@ -1,6 +1,7 @@
 #include "bench/SyntheticCamera.h"
 
 #include <QFile>
+#include <cstring>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <gst/video/video.h>
@@ -28,7 +29,11 @@ GstElement *describedDeviceCreateElement(GstDevice *device, const gchar *name)
 {
     auto *self = reinterpret_cast<DescribedDevice *>(device);
     GError *error = nullptr;
-    GstElement *element = gst_parse_launch(self->description, &error);
+    // One element stands as it is (so an appsrc can be fed); a chain becomes a bin
+    // with its open end as the source pad, as a camera's source bin would be.
+    GstElement *element = std::strchr(self->description, '!')
+                              ? gst_parse_bin_from_description(self->description, TRUE, &error)
+                              : gst_parse_launch(self->description, &error);
     if (error) {
         g_printerr("synthetic camera: %s\n", error->message);
         g_clear_error(&error);

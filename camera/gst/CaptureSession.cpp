@@ -27,6 +27,8 @@ constexpr const char *kCameraStreamCaps = "video/x-raw; image/jpeg; video/x-h264
 constexpr const char *kIntakeCaps =
     "video/x-raw,format={ BGRx, YUY2, UYVY, NV12, NV21, I420, YV12, Y42B, Y444 }";
 
+constexpr guint kPicturesInFlight = 3;
+
 // Turns each decoded camera frame into a picture-format (BGRx) sample. Buffers come
 // from a pool and go back to it once the last picture made of them is released, so a
 // frame costs no pixel allocation. Used by one streaming thread at a time.
@@ -44,7 +46,7 @@ public:
 
     // A new reference to a sample in the picture format: the sample itself when it is
     // in that format already (or in one this cannot convert), else a converted copy.
-    // Null when the pool has no buffer.
+    // Null (the frame is dropped) while every picture buffer is still held.
     GstSample *toPicture(GstSample *sample);
 
 private:
@@ -130,9 +132,11 @@ bool PictureConverter::prepare(GstCaps *caps)
 
     m_pool = gst_video_buffer_pool_new();
     GstStructure *config = gst_buffer_pool_get_config(m_pool);
-    // The held pictures (current, queued, last captured) plus the one being made;
-    // more are added if the holders keep more.
-    gst_buffer_pool_config_set_params(config, m_pictureCaps, static_cast<guint>(GST_VIDEO_INFO_SIZE(&picture)), 4, 0);
+    // The current picture, the newest one on its way to the main thread and the one
+    // being made. When the main thread lags and all are held, the frame is dropped
+    // (as a late frame is) rather than the pool growing: a 1080p picture is 8 MB.
+    gst_buffer_pool_config_set_params(config, m_pictureCaps, static_cast<guint>(GST_VIDEO_INFO_SIZE(&picture)), 2,
+                                      kPicturesInFlight);
     GstAllocationParams params;
     gst_allocation_params_init(&params);
     params.align = 63; // rows start on cache lines: the vector code reads them whole
@@ -226,7 +230,9 @@ GstSample *PictureConverter::toPicture(GstSample *sample)
         return gst_sample_ref(sample);
 
     GstBuffer *pictureBuffer = nullptr;
-    if (gst_buffer_pool_acquire_buffer(m_pool, &pictureBuffer, nullptr) != GST_FLOW_OK)
+    GstBufferPoolAcquireParams noWaiting{};
+    noWaiting.flags = GST_BUFFER_POOL_ACQUIRE_FLAG_DONTWAIT;
+    if (gst_buffer_pool_acquire_buffer(m_pool, &pictureBuffer, &noWaiting) != GST_FLOW_OK)
         return nullptr;
     GstVideoFrame in, out;
     if (!gst_video_frame_map(&in, &m_in, buffer, GST_MAP_READ)) {

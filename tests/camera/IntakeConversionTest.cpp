@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <cstring>
 #include <mutex>
+#include <vector>
 #include <utility>
 
 namespace vistrel::camera {
@@ -101,12 +102,12 @@ public:
 
     void setCaps(GstCaps *caps) { g_object_set(m_source, "caps", caps, nullptr); }
 
-    SamplePtr deliver(const SamplePtr &frame)
+    SamplePtr deliver(const SamplePtr &frame, std::chrono::milliseconds timeout = std::chrono::seconds(5))
     {
         std::unique_lock lock(m_mutex);
         m_sample.reset();
         gst_app_src_push_buffer(GST_APP_SRC(m_source), gst_buffer_ref(gst_sample_get_buffer(frame.get())));
-        m_arrived.wait_for(lock, std::chrono::seconds(5), [this] { return m_sample != nullptr; });
+        m_arrived.wait_for(lock, timeout, [this] { return m_sample != nullptr; });
         return std::move(m_sample);
     }
 
@@ -240,6 +241,24 @@ TEST(IntakeConversionTest, PictureFormatPassesAndNewSizesAreFollowed)
     const QImage picture = imageFromSample(resized.get());
     ASSERT_EQ(picture.size(), large.size());
     EXPECT_LE(largestChannelError(picture, videoconvertPicture(second)), 7);
+}
+
+// Pictures still held (by the controller, on their way to it) bound the memory: with
+// three held, a new frame is dropped rather than a fourth 8 MB buffer made, and frames
+// flow again once one is let go.
+TEST(IntakeConversionTest, HeldPicturesBoundTheBuffersAndLateFramesAreDropped)
+{
+    const SamplePtr frame = cameraFrame(gradient(64, 48), "I420", "bt601");
+    Intake intake(gst_sample_get_caps(frame.get()));
+    std::vector<QImage> held;
+    for (int i = 0; i < 3; ++i) {
+        const SamplePtr delivered = intake.deliver(frame);
+        ASSERT_TRUE(delivered);
+        held.push_back(imageFromSample(delivered.get()));
+    }
+    EXPECT_FALSE(intake.deliver(frame, std::chrono::milliseconds(300)));
+    held.erase(held.begin());
+    EXPECT_TRUE(intake.deliver(frame));
 }
 
 } // namespace

@@ -1,0 +1,241 @@
+// Runs the real controller and virtual-camera link against the simulated extension for
+// a while and samples what it costs: CPU per interval (the synthetic camera's own
+// thread shown apart, as a real camera's driver work is not the app's) and resident
+// memory. With the gate closed ("sc=0") this is the idle budget; with it open and the
+// extension's reader taking frames it is the streaming one.
+//
+//   vistrel_soak [--seconds=60] [--interval=10] [--gate=closed|open]
+//                [--camera=none|WIDTHxHEIGHT] [--reader-ms=33]
+#include "SimulatedExtension.h"
+#include "TestServices.h"
+#include "app/MainWindowController.h"
+#include "bench/SyntheticCamera.h"
+#include "camera/ViewController.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTimer>
+#include <cstdio>
+#include <ctime>
+#include <gst/gst.h>
+#include <memory>
+#include <pthread.h>
+#include <thread>
+#include <unistd.h>
+
+namespace vistrel::bench {
+namespace {
+
+struct Options
+{
+    int seconds = 60;
+    int interval = 10;
+    bool gateOpen = false;
+    QSize camera; // empty: no camera
+    int readerMs = 33;
+};
+
+bool parse(const QStringList &arguments, Options &options)
+{
+    static const QRegularExpression pattern(QStringLiteral("^--(seconds|interval|gate|camera|reader-ms)=(.+)$"));
+    for (const QString &argument : arguments.mid(1)) {
+        const QRegularExpressionMatch match = pattern.match(argument);
+        if (!match.hasMatch())
+            return false;
+        const QString name = match.captured(1), value = match.captured(2);
+        bool ok = true;
+        if (name == QLatin1String("seconds"))
+            options.seconds = value.toInt(&ok);
+        else if (name == QLatin1String("interval"))
+            options.interval = value.toInt(&ok);
+        else if (name == QLatin1String("reader-ms"))
+            options.readerMs = value.toInt(&ok);
+        else if (name == QLatin1String("gate"))
+            ok = (options.gateOpen = value == QLatin1String("open")) || value == QLatin1String("closed");
+        else if (value != QLatin1String("none")) {
+            const QStringList size = value.split(QLatin1Char('x'));
+            options.camera = QSize(size.value(0).toInt(), size.value(1).toInt());
+            ok = size.size() == 2 && !options.camera.isEmpty();
+        }
+        if (!ok || options.seconds <= 0 || options.interval <= 0 || options.readerMs <= 0)
+            return false;
+    }
+    return true;
+}
+
+double cpuSeconds(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+// CPU seconds of this process's threads whose name starts with `prefix`.
+double threadCpuSeconds(const QString &prefix)
+{
+    double seconds = 0;
+    const long ticks = sysconf(_SC_CLK_TCK);
+    for (const QString &task : QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        QFile comm(QStringLiteral("/proc/self/task/%1/comm").arg(task));
+        QFile stat(QStringLiteral("/proc/self/task/%1/stat").arg(task));
+        if (!comm.open(QIODevice::ReadOnly) || !stat.open(QIODevice::ReadOnly))
+            continue;
+        if (!QString::fromUtf8(comm.readAll()).startsWith(prefix))
+            continue;
+        // Fields after the parenthesised name: state is 3rd, utime 14th, stime 15th.
+        const QByteArray line = stat.readAll();
+        const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() > 12)
+            seconds += static_cast<double>(fields[11].toLongLong() + fields[12].toLongLong()) / ticks;
+    }
+    return seconds;
+}
+
+double residentMegabytes()
+{
+    QFile statm(QStringLiteral("/proc/self/statm"));
+    if (!statm.open(QIODevice::ReadOnly))
+        return 0;
+    const QList<QByteArray> fields = statm.readAll().split(' ');
+    return fields.size() > 1 ? static_cast<double>(fields[1].toLongLong()) * sysconf(_SC_PAGESIZE) / (1024.0 * 1024.0)
+                             : 0;
+}
+
+class OneCamera final : public camera::DeviceDiscovery
+{
+public:
+    explicit OneCamera(std::unique_ptr<SyntheticCamera> camera) : m_camera(std::move(camera)) {}
+    std::vector<camera::CameraDevice> videoDevices() override
+    {
+        if (!m_camera)
+            return {};
+        return {m_camera->device()};
+    }
+
+private:
+    std::unique_ptr<SyntheticCamera> m_camera;
+};
+
+// The synthetic camera's frames are made by videotestsrc in a thread of its own (the
+// queue), so their cost can be told apart from the app's.
+constexpr const char *kCameraThreadPrefix = "videotestsrc";
+constexpr const char *kReaderThreadName = "camera-reader";
+
+int run(const Options &options)
+{
+    std::unique_ptr<SyntheticCamera> camera;
+    if (!options.camera.isEmpty()) {
+        camera = std::make_unique<SyntheticCamera>(
+            QStringLiteral("Synthetic camera"),
+            QStringLiteral("videotestsrc is-live=true pattern=ball ! video/x-raw,format=YUY2,width=%1,height=%2,"
+                           "framerate=30/1,colorimetry=bt601 ! queue max-size-buffers=2 leaky=downstream")
+                .arg(options.camera.width())
+                .arg(options.camera.height()));
+    }
+    OneCamera discovery(std::move(camera));
+    test::SimulatedExtension extension;
+    extension.justAnswer = options.gateOpen ? QStringLiteral("sc=1") : QStringLiteral("sc=0");
+    test::TestServices env;
+    env.services.cameraDiscovery = &discovery;
+    env.services.virtualCamera = &extension;
+
+    MainWindowController *windowController =
+        instantiateMainInterface(env.services, QStringLiteral(VISTREL_SOURCE_DIR "/resources/Main.ui"));
+    if (!windowController)
+        return 2;
+    std::unique_ptr<QWidget> window(windowController->window());
+    ViewController *controller = windowController->contentViewController();
+    controller->startVirtualCameraLink();
+    if (extension.queue) {
+        // The reader is the consumer's work, not the app's: started from a thread named
+        // for it, it inherits that name and is counted apart.
+        std::thread([&] {
+            pthread_setname_np(pthread_self(), kReaderThreadName);
+            extension.queue->startReader(std::chrono::milliseconds(options.readerMs));
+        }).join();
+    }
+
+    std::printf("# gate %s, camera %s, %d s, reader every %d ms\n", options.gateOpen ? "open (sc=1)" : "closed (sc=0)",
+                options.camera.isEmpty() ? "none"
+                                         : qPrintable(QStringLiteral("%1x%2 YUYV 30 fps")
+                                                          .arg(options.camera.width())
+                                                          .arg(options.camera.height())),
+                options.seconds, options.readerMs);
+    std::printf("%8s %10s %12s %12s %10s %9s\n", "time s", "app CPU %", "camera CPU %", "reader CPU %", "RSS MB",
+                "frames");
+    std::fflush(stdout);
+
+    struct Sample
+    {
+        double wall, process, camera, reader;
+    };
+    const auto sample = [](double wall) {
+        return Sample{wall, cpuSeconds(CLOCK_PROCESS_CPUTIME_ID), threadCpuSeconds(QLatin1String(kCameraThreadPrefix)),
+                      threadCpuSeconds(QLatin1String(kReaderThreadName))};
+    };
+    QElapsedTimer clock;
+    clock.start();
+    Sample previous = sample(0);
+    double firstRss = 0, peakRss = 0, lastRss = 0, appPercentAfterWarmUp = 0;
+    int intervals = 0;
+
+    QTimer sampler;
+    QObject::connect(&sampler, &QTimer::timeout, [&] {
+        const Sample now = sample(clock.elapsed() / 1000.0);
+        const double span = now.wall - previous.wall;
+        const double cameraPercent = 100 * (now.camera - previous.camera) / span;
+        const double readerPercent = 100 * (now.reader - previous.reader) / span;
+        const double appPercent = 100 * (now.process - previous.process) / span - cameraPercent - readerPercent;
+        lastRss = residentMegabytes();
+        if (++intervals == 1)
+            firstRss = lastRss;
+        else
+            appPercentAfterWarmUp += appPercent; // the first interval holds the start-up
+        peakRss = std::max(peakRss, lastRss);
+        std::printf("%8.0f %10.2f %12.2f %12.2f %10.1f %9d\n", now.wall, appPercent, cameraPercent, readerPercent, lastRss,
+                    extension.queue ? extension.queue->framesTaken() : 0);
+        std::fflush(stdout);
+        previous = now;
+        if (now.wall >= options.seconds - 0.5)
+            QCoreApplication::quit();
+    });
+    sampler.start(options.interval * 1000);
+    QCoreApplication::exec();
+    if (extension.queue)
+        extension.queue->stopReader();
+
+    const double steadyPercent = intervals > 1 ? appPercentAfterWarmUp / (intervals - 1) : 0;
+    std::printf("# app CPU after the first interval: %.2f %% of one core\n", steadyPercent);
+    std::printf("# RSS: %.1f MB after the first interval, %.1f MB at the end, %.1f MB at most (growth %+.1f MB)\n",
+                firstRss, lastRss, peakRss, lastRss - firstRss);
+    return 0;
+}
+
+} // namespace
+} // namespace vistrel::bench
+
+int main(int argc, char **argv)
+{
+    // Settings and the trace file go to a private HOME, never the user's.
+    QTemporaryDir home(QDir::tempPath() + QStringLiteral("/vistrel-soak-home-XXXXXX"));
+    if (!home.isValid())
+        return 2;
+    qputenv("HOME", home.path().toUtf8());
+    qputenv("XDG_CONFIG_HOME", (home.path() + QStringLiteral("/.config")).toUtf8());
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    gst_init(&argc, &argv);
+    QApplication app(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false);
+    vistrel::bench::Options options;
+    if (!vistrel::bench::parse(QCoreApplication::arguments(), options)) {
+        std::fprintf(stderr, "usage: vistrel_soak [--seconds=60] [--interval=10] [--gate=closed|open] "
+                             "[--camera=none|WIDTHxHEIGHT] [--reader-ms=33]\n");
+        return 2;
+    }
+    return vistrel::bench::run(options);
+}
