@@ -212,6 +212,7 @@ int run(const Options &options)
     std::printf("# app CPU after the first interval: %.2f %% of one core\n", steadyPercent);
     std::printf("# RSS: %.1f MB after the first interval, %.1f MB at the end, %.1f MB at most (growth %+.1f MB)\n",
                 firstRss, lastRss, peakRss, lastRss - firstRss);
+    std::printf("# frames taken by the reader: %d\n", extension.queue ? extension.queue->framesTaken() : 0);
     return 0;
 }
 
