@@ -200,7 +200,7 @@ int run(const Options &options)
                     extension.queue ? extension.queue->framesTaken() : 0);
         std::fflush(stdout);
         previous = now;
-        if (now.wall >= options.seconds - 0.5)
+        if (now.wall + options.interval / 2.0 >= options.seconds)
             QCoreApplication::quit();
     });
     sampler.start(options.interval * 1000);
