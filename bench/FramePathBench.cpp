@@ -24,16 +24,16 @@
 namespace vistrel::bench {
 namespace {
 
-const std::vector<FrameSpec> &cameraSpecs()
+const std::vector<FrameKind> &cameraKinds()
 {
-    static const std::vector<FrameSpec> specs = [] {
-        std::vector<FrameSpec> all;
+    static const std::vector<FrameKind> kinds = [] {
+        std::vector<FrameKind> all;
         for (CameraFormat format : {CameraFormat::YUY2, CameraFormat::NV12, CameraFormat::I420, CameraFormat::MJPEG})
             for (auto [width, height] : {std::pair{640, 480}, std::pair{1280, 720}, std::pair{1920, 1080}})
-                all.push_back(FrameSpec{format, width, height});
+                all.push_back(FrameKind{format, width, height});
         return all;
     }();
-    return specs;
+    return kinds;
 }
 
 // Frames read from a file given on the command line replace the synthetic ones of the
@@ -44,22 +44,22 @@ std::map<QString, SamplePtr> &frameOverrides()
     return overrides;
 }
 
-SamplePtr cameraSample(const FrameSpec &spec)
+SamplePtr cameraSample(const FrameKind &kind)
 {
     static std::map<QString, SamplePtr> made;
-    const QString name = specName(spec);
+    const QString name = kindName(kind);
     if (auto given = frameOverrides().find(name); given != frameOverrides().end())
         return given->second;
     SamplePtr &sample = made[name];
     if (!sample)
-        sample = makeCameraSample(spec);
+        sample = makeCameraSample(kind);
     return sample;
 }
 
 // The picture the intake makes of a 4:2:2 camera frame of this size.
 QImage cameraPicture(int width, int height)
 {
-    const SamplePtr sample = cameraSample(FrameSpec{CameraFormat::YUY2, width, height});
+    const SamplePtr sample = cameraSample(FrameKind{CameraFormat::YUY2, width, height});
     CaptureIntake intake(gst_sample_get_caps(sample.get()));
     return intake.deliver(gst_sample_get_buffer(sample.get()));
 }
@@ -69,9 +69,9 @@ void countFrames(benchmark::State &state)
     state.SetItemsProcessed(state.iterations());
 }
 
-void benchIntake(benchmark::State &state, FrameSpec spec)
+void benchIntake(benchmark::State &state, FrameKind kind)
 {
-    const SamplePtr sample = cameraSample(spec);
+    const SamplePtr sample = cameraSample(kind);
     if (!sample)
         return state.SkipWithError("no camera frame");
     CaptureIntake intake(gst_sample_get_caps(sample.get()));
@@ -84,7 +84,7 @@ void benchIntake(benchmark::State &state, FrameSpec spec)
         if (picture.isNull())
             return state.SkipWithError("the intake made no picture");
     }
-    if (picture.size() != QSize(spec.width, spec.height))
+    if (picture.size() != QSize(kind.width, kind.height))
         return state.SkipWithError("the picture does not have the camera's size");
     countFrames(state);
 }
@@ -120,9 +120,9 @@ void benchBgraToYuyv(benchmark::State &state)
     countFrames(state);
 }
 
-void benchFramePath(benchmark::State &state, FrameSpec spec)
+void benchFramePath(benchmark::State &state, FrameKind kind)
 {
-    const SamplePtr sample = cameraSample(spec);
+    const SamplePtr sample = cameraSample(kind);
     if (!sample)
         return state.SkipWithError("no camera frame");
     LinkedController link;
@@ -147,9 +147,9 @@ void benchFramePath(benchmark::State &state, FrameSpec spec)
 
 void registerBenchmarks()
 {
-    for (const FrameSpec &spec : cameraSpecs()) {
-        const QByteArray name = ("Intake/" + specName(spec)).toUtf8();
-        benchmark::RegisterBenchmark(name.constData(), benchIntake, spec)
+    for (const FrameKind &kind : cameraKinds()) {
+        const QByteArray name = ("Intake/" + kindName(kind)).toUtf8();
+        benchmark::RegisterBenchmark(name.constData(), benchIntake, kind)
             ->MeasureProcessCPUTime()
             ->Unit(benchmark::kMillisecond);
     }
@@ -162,9 +162,9 @@ void registerBenchmarks()
         }
     }
     benchmark::RegisterBenchmark("BgraToYuyv/1280x720", benchBgraToYuyv)->Unit(benchmark::kMillisecond);
-    for (const FrameSpec &spec : cameraSpecs()) {
-        const QByteArray name = ("FramePath/" + specName(spec)).toUtf8();
-        benchmark::RegisterBenchmark(name.constData(), benchFramePath, spec)
+    for (const FrameKind &kind : cameraKinds()) {
+        const QByteArray name = ("FramePath/" + kindName(kind)).toUtf8();
+        benchmark::RegisterBenchmark(name.constData(), benchFramePath, kind)
             ->MeasureProcessCPUTime()
             ->Unit(benchmark::kMillisecond);
     }
@@ -184,20 +184,20 @@ bool takeRawFrameArguments(int &argc, char **argv)
         }
         const QStringList parts = QString::fromLocal8Bit(argument.mid(prefix.size())).split(QLatin1Char(':'));
         const QStringList size = parts.value(1).split(QLatin1Char('x'));
-        std::optional<FrameSpec> spec;
-        for (const FrameSpec &candidate : cameraSpecs())
+        std::optional<FrameKind> kind;
+        for (const FrameKind &candidate : cameraKinds())
             if (parts.size() >= 3 && parts[0] == QLatin1String(formatName(candidate.format))
                 && size.size() == 2 && size[0].toInt() == candidate.width && size[1].toInt() == candidate.height)
-                spec = candidate;
+                kind = candidate;
         const QString path = parts.mid(2).join(QLatin1Char(':'));
-        SamplePtr sample = spec ? readRawFrame(path, *spec) : nullptr;
+        SamplePtr sample = kind ? readRawFrame(path, *kind) : nullptr;
         if (!sample) {
             fprintf(stderr, "vistrel_bench: cannot use %s (want FORMAT:WIDTHxHEIGHT:PATH with a raw YUY2, NV12 or I420 "
                             "file of at least one frame, in one of the benchmarked sizes)\n",
                     argument.constData());
             return false;
         }
-        frameOverrides()[specName(*spec)] = std::move(sample);
+        frameOverrides()[kindName(*kind)] = std::move(sample);
     }
     argc = kept;
     argv[argc] = nullptr;

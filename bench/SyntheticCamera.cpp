@@ -93,24 +93,24 @@ const char *formatName(CameraFormat format)
     return format == CameraFormat::MJPEG ? "MJPEG" : rawFormat(format);
 }
 
-QString specName(const FrameSpec &spec)
+QString kindName(const FrameKind &kind)
 {
-    return QStringLiteral("%1/%2x%3").arg(QLatin1String(formatName(spec.format))).arg(spec.width).arg(spec.height);
+    return QStringLiteral("%1/%2x%3").arg(QLatin1String(formatName(kind.format))).arg(kind.width).arg(kind.height);
 }
 
 // USB (UVC) cameras report their YUV as BT.601 whatever the size; GStreamer would
 // otherwise assume BT.709 for HD sizes.
 constexpr const char *kCameraColorimetry = "bt601";
 
-SamplePtr makeCameraSample(const FrameSpec &spec)
+SamplePtr makeCameraSample(const FrameKind &kind)
 {
     const QByteArray description =
         QStringLiteral("videotestsrc num-buffers=1 pattern=smpte ! video/x-raw,format=%1,width=%2,height=%3,"
                        "framerate=30/1,colorimetry=%5 ! %4 appsink name=out sync=false")
-            .arg(QLatin1String(rawFormat(spec.format)))
-            .arg(spec.width)
-            .arg(spec.height)
-            .arg(spec.format == CameraFormat::MJPEG ? QStringLiteral("jpegenc quality=85 !") : QString())
+            .arg(QLatin1String(rawFormat(kind.format)))
+            .arg(kind.width)
+            .arg(kind.height)
+            .arg(kind.format == CameraFormat::MJPEG ? QStringLiteral("jpegenc quality=85 !") : QString())
             .arg(QLatin1String(kCameraColorimetry))
             .toUtf8();
     GstElement *pipeline = gst_parse_launch(description.constData(), nullptr);
@@ -125,13 +125,13 @@ SamplePtr makeCameraSample(const FrameSpec &spec)
     return sample;
 }
 
-SamplePtr readRawFrame(const QString &path, const FrameSpec &spec)
+SamplePtr readRawFrame(const QString &path, const FrameKind &kind)
 {
-    if (spec.format == CameraFormat::MJPEG)
+    if (kind.format == CameraFormat::MJPEG)
         return nullptr;
     GstVideoInfo info;
-    gst_video_info_set_format(&info, gst_video_format_from_string(rawFormat(spec.format)),
-                              static_cast<guint>(spec.width), static_cast<guint>(spec.height));
+    gst_video_info_set_format(&info, gst_video_format_from_string(rawFormat(kind.format)),
+                              static_cast<guint>(kind.width), static_cast<guint>(kind.height));
     gst_video_colorimetry_from_string(&GST_VIDEO_INFO_COLORIMETRY(&info), kCameraColorimetry);
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))

@@ -15,7 +15,7 @@ namespace vistrel::bench {
 // the intake decodes to 4:2:0 first).
 enum class CameraFormat { YUY2, NV12, I420, MJPEG };
 
-struct FrameSpec
+struct FrameKind
 {
     CameraFormat format;
     int width;
@@ -23,17 +23,17 @@ struct FrameSpec
 };
 
 const char *formatName(CameraFormat format);
-QString specName(const FrameSpec &spec); // "YUY2/1920x1080"
+QString kindName(const FrameKind &kind); // "YUY2/1920x1080"
 
 using SamplePtr = std::shared_ptr<GstSample>;
 
 // One camera frame of the given kind, made once by GStreamer (videotestsrc, and jpegenc
 // for MJPEG): the buffer and caps a camera source would hand to the intake.
-SamplePtr makeCameraSample(const FrameSpec &spec);
+SamplePtr makeCameraSample(const FrameKind &kind);
 
 // The first frame of a raw video file (packed planes, no row padding, as ffmpeg's
 // rawvideo writes it). Null when the file is too short or the format is not raw.
-SamplePtr readRawFrame(const QString &path, const FrameSpec &spec);
+SamplePtr readRawFrame(const QString &path, const FrameKind &kind);
 
 // A camera device whose source element is made from a gst-launch description, the way
 // a real camera's GstDevice makes v4l2src or pipewiresrc. The element made last is
