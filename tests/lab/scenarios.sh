@@ -11,6 +11,11 @@ APP_PID=
 FRAME_BYTES=$((1280 * 720 * 2))   # one 1280x720 YUYV frame
 MOVIE=/tmp/ramp.mp4
 ONLY=${ONLY:-.}
+# Under software emulation (TCG) the guest CPU is ~10-20x slower than the host: Vistrel's
+# per-frame work (scaling into the 1280x720 buffer, YUYV conversion) then outlasts one 1/30 s tick
+# and, with one frame outstanding at a time, every second tick finds the sink busy: ~15 fps.
+MIN_FPS=24
+[ "${ACCEL:-tcg}" = tcg ] && MIN_FPS=12
 
 uptime_s() { cut -d' ' -f1 /proc/uptime; }
 note() { echo "LAB:   [$T_NAME] $*"; }
@@ -36,7 +41,7 @@ run_test() {
 # expect DESCRIPTION COMMAND...: the command's success is the assertion.
 expect() {
   local what=$1; shift
-  if "$@"; then note "ok: $what"; else note "FAILED: $what"; T_FAILED=1; fi
+  if "$@"; then note "ok: $what"; else note "FAILED: $what"; T_FAILED=1; return 1; fi
 }
 summary() { T_SUMMARY="${T_SUMMARY:+$T_SUMMARY; }$*"; note "$*"; }
 between() { awk -v v="$1" -v lo="$2" -v hi="$3" 'BEGIN{exit !(v != "" && v+0 >= lo && v+0 <= hi)}'; }
@@ -51,6 +56,12 @@ wait_for() { # seconds command...: retries the command until it succeeds or the 
     awk -v now="$(uptime_s)" -v end="$end" 'BEGIN{exit !(now >= end)}' && return 1
     sleep 0.2
   done
+}
+# end_pid PID: SIGTERM (background jobs of a script ignore SIGINT), SIGKILL after 5 s, reap it
+end_pid() {
+  kill -TERM "$1" 2>/dev/null
+  wait_for 5 eval "! kill -0 $1 2>/dev/null" || kill -KILL "$1" 2>/dev/null
+  wait "$1" 2>/dev/null
 }
 app_alive() { [ -n "$APP_PID" ] && kill -0 "$APP_PID" 2>/dev/null; }
 chooser_filled() { local a; a=$(ctl cameras 2>/dev/null) && [ "$a" != ok ]; }
@@ -84,7 +95,12 @@ load_loopback() { # loader args...
     || { echo "LAB: loading v4l2loopback failed: $(cat /tmp/load.err)"; return 1; }
   wait_for 10 test -c "$LB"
 }
-unload_loopback() { modprobe -r v4l2loopback 2>/dev/null || rmmod v4l2loopback 2>/dev/null; true; }
+unload_loopback() {
+  [ -d /sys/module/v4l2loopback ] || return 0
+  modprobe -r v4l2loopback 2>/dev/null || rmmod v4l2loopback 2>/dev/null \
+    || echo "LAB: v4l2loopback stays loaded (in use $(cat /sys/module/v4l2loopback/refcnt 2>/dev/null) times)"
+  true
+}
 
 # ---------------------------------------------------------------- readers
 # frames_md5 COUNT FILE: ffmpeg reads COUNT frames from the loopback device, one md5 per frame.
@@ -154,31 +170,60 @@ test_exclusive_caps() {
   summary "caps before: $(v4l2-ctl -d "$LB" --info 2>/dev/null | sed -n '/Device Caps/,$p' | grep -cE 'Video (Capture|Output)') video cap(s) now; $(echo "$fmt" | grep -E 'Width|Pixel' | tr -d '\t' | tr '\n' ' ')"
 }
 
+# Frames Vistrel has written so far: its write() bytes (/proc/PID/io wchar) in whole 1280x720
+# YUYV frames. The sink writes every frame with write(), so this counts exactly what the app
+# sent, whichever v4l2loopback release numbers the buffers.
+frames_written() { awk -v f="$FRAME_BYTES" '/^wchar:/{printf "%d\n", $2 / f}' "/proc/$APP_PID/io"; }
+# written_during SECONDS: frames written in that many seconds, and the rate: "frames fps"
+written_during() {
+  local w0 t0 w1 t1; w0=$(frames_written); t0=$(uptime_s)
+  sleep "$1"
+  w1=$(frames_written); t1=$(uptime_s)
+  echo "$((w1 - w0)) $(echo "$w1 $w0 $t1 $t0" | awk '{printf "%.1f", ($1-$2)/($3-$4)}')"
+}
+
 # The reader-count gate. 0.13+: nothing is written while no one reads; a reader starts the flow
 # within the 2 s poll; after it leaves the flow stops. 0.12.x has no reader count: it just streams.
 test_streaming_gate() {
   local gated=$1
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
-  note "idle for 8 s with no reader"
-  sleep 8
-  local r1 n1 f1 l1 fps1
-  r1=$(stream_seq 120 /tmp/gate1.log); read -r n1 f1 l1 fps1 <<<"$r1"
-  note "reader 1 (v4l2-ctl --stream-mmap, 120 buffers): got $n1, sequence $f1..$l1, $fps1 fps by timestamps"
-  expect "reader 1 got 120 frames" [ "$n1" = 120 ]
-  expect "frames flow at ~30 fps (24..36)" between "$fps1" 24 36
+  sleep 3   # past any frames of the start-up
+  local idle idle_fps; read -r idle idle_fps <<<"$(written_during 6)"
+  note "no reader: $idle frames written in 6 s ($idle_fps fps)"
+  # a reader for ~8 s; Vistrel's writes are measured from 3 s in (past the 2 s poll)
+  v4l2-ctl -d "$LB" --stream-mmap --stream-count=100000 --stream-to=/dev/null --verbose >/tmp/gate.log 2>&1 &
+  local reader=$!
+  sleep 3
+  local busy busy_fps; read -r busy busy_fps <<<"$(written_during 5)"
+  end_pid $reader
+  local n fps; n=$(grep -c 'cap dqbuf' /tmp/gate.log)
+  fps=$(awk '/cap dqbuf/{for(i=1;i<=NF;i++) if($i=="ts:") t[++n]=$(i+1)} END{if(n>2&&t[n]>t[2]) printf "%.1f", (n-2)/(t[n]-t[2]); else print 0}' /tmp/gate.log)
+  note "reader present: Vistrel wrote $busy frames in 5 s ($busy_fps fps); the reader got $n frames, $fps fps by their timestamps"
+  expect "with a reader Vistrel writes at ~30 fps ($MIN_FPS..36 under ${ACCEL:-tcg})" between "$busy_fps" "$MIN_FPS" 36
+  expect "and the reader receives frames (>= 10 fps)" at_least "$fps" 10
+  local fmt; fmt=$(v4l2-ctl -d "$LB" --get-fmt-video 2>&1 | grep -E 'Width|Pixel' | tr -d '\t' | tr '\n' ' ')
+  expect "1280x720 YUYV at the reader" sh -c "echo '$fmt' | grep -q '1280/720' && echo '$fmt' | grep -q YUYV"
+  sleep 3   # the poll notices the departure within 2 s
+  local after after_fps; read -r after after_fps <<<"$(written_during 5)"
+  note "reader gone: $after frames written in 5 s"
   if [ "$gated" = yes ]; then
-    expect "nothing was written before the reader came (first sequence $f1 <= 5)" at_most "$f1" 5
-    sleep 8
-    local r2 n2 f2 l2 fps2
-    r2=$(stream_seq 10 /tmp/gate2.log); read -r n2 f2 l2 fps2 <<<"$r2"
-    note "reader 2 after 8 s without a reader: got $n2, sequence $f2..$l2"
-    # up to one 2 s poll period of frames may follow the reader's departure; 8 s ungated would be ~240
-    expect "the flow stopped when reader 1 left (gap $((f2 - l1)) frames <= 90)" at_most "$((f2 - l1))" 90
-    summary "no reader: first seq $f1; reader: $n1 frames at $fps1 fps; after leaving: gap $((f2 - l1)) frames in 8 s"
+    expect "no reader: nothing written after the first frame ($idle in 6 s)" [ "$idle" -le 1 ]
+    expect "the reader left: the flow stopped ($after in 5 s)" [ "$after" -le 1 ]
+    summary "no reader: $idle frames/6 s; reader: $busy_fps fps written, $fps fps received; left: $after frames/5 s"
   else
-    expect "with no reader count the writer kept streaming (first sequence $f1 >= 120 after 8 s)" at_least "$f1" 120
-    summary "streams without a reader (seq $f1 after 8 s idle); $n1 frames at $fps1 fps"
+    expect "no reader count: Vistrel streams anyway ($idle_fps fps, $MIN_FPS..36)" between "$idle_fps" "$MIN_FPS" 36
+    summary "no reader: $idle_fps fps written; reader: $busy_fps fps written, $fps fps received"
   fi
+}
+
+# The effects start from the user picking the camera in the chooser.
+pick_vivid() {
+  local cams i=0 name; cams=$(ctl cameras); cams=${cams#ok }
+  while IFS= read -r name; do
+    if echo "$name" | grep -qi vivid; then note "select $i -> $(ctl select $i)"; sleep 2; return 0; fi
+    i=$((i + 1))
+  done < <(echo "$cams" | sed 's/ | /\n/g')
+  note "no vivid in the chooser: $cams"; return 1
 }
 
 test_camera_in() {
@@ -197,7 +242,10 @@ test_camera_in() {
 
 test_freeze() {
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
+  expect "vivid picked in the chooser" pick_vivid
   local a n d size fps run
+  frames_md5 30 /tmp/live.md5; read -r n d size fps run <<<"$(md5_stats /tmp/live.md5)"
+  expect "live before Freeze (distinct $d >= 5)" at_least "$d" 5
   a=$(ctl freeze); note "freeze -> $a"
   expect "Freeze pressed (button now reads Unfreeze)" [ "$a" = "ok Unfreeze" ]
   sleep 0.5
@@ -216,6 +264,7 @@ test_freeze() {
 
 test_stutter() {
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
+  expect "vivid picked in the chooser" pick_vivid
   local a; a=$(ctl stutter); note "stutter -> $a"
   expect "Stutter pressed (button now reads Stop)" [ "$a" = "ok Stop" ]
   frames_md5 240 /tmp/stutter.md5
@@ -273,30 +322,53 @@ test_movie() {
   summary "$(wc -l </tmp/movie.y) frames: $ups rising and $downs falling passes"
 }
 
-# The loopback device removed under a streaming Vistrel: it logs the failure and keeps running.
+# Faults around a streaming Vistrel: the loopback device removed under it, a reader killed.
+# v4l2loopback refuses to delete a device that is open (CTL_REMOVE answers EBUSY on 0.13+; 0.12
+# has no delete and `rmmod` answers "in use"), so removal takes a forced unload (`rmmod -f`, the
+# guest kernel allows it). After that every V4L2 ioctl on a still-open descriptor oopses in the
+# kernel (v4l2_ioctl reaches the unloaded module) and kills the calling thread, whoever it is;
+# write() answers ENODEV. Vistrel only writes to the device on 0.12, where the driver reports
+# no readers, so the forced removal is done there (FORCE=yes), with no reader attached, as the
+# last test of the run; on 0.13+ its 2 s reader-count poll is an ioctl.
 test_fault() {
+  local force=$1
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
-  timeout 60 v4l2-ctl -d "$LB" --stream-mmap --stream-count=100000 --stream-to=/dev/null >/tmp/fault-reader.log 2>&1 &
+  v4l2-ctl -d "$LB" --stream-mmap --stream-count=100000 --stream-to=/dev/null >/tmp/fault-reader.log 2>&1 &
   local reader=$!
   sleep 3
-  local out; out=$(lb-remove $LB_NR 2>&1)
-  note "v4l2loopback-ctl delete equivalent: $out"
-  if ! [ -e "$LB" ] || out=$(rmmod -f v4l2loopback 2>&1); then
-    note "rmmod -f v4l2loopback: ${out:-done}"
+  local out rc=0
+  if [ -e /dev/v4l2loopback ]; then
+    out=$(lb-remove $LB_NR 2>&1) || rc=$?
+    note "delete /dev/video$LB_NR while streaming (as v4l2loopback-ctl delete): $out"
   else
-    note "rmmod -f v4l2loopback failed: $out"
-    kill $reader 2>/dev/null
-    T_SKIP="the device could not be removed while in use here ($out)"; return
+    out=$(rmmod v4l2loopback 2>&1) || rc=$?
+    note "rmmod v4l2loopback while streaming: ${out:-removed}"
   fi
+  expect "v4l2loopback refuses to remove the open device" sh -c "[ $rc != 0 ] && [ -e $LB ]"
+  kill -KILL $reader 2>/dev/null; wait $reader 2>/dev/null
+  note "reader killed with SIGKILL while streaming"
+  sleep 3
+  expect "vistrel keeps running" app_alive
+  local a; a=$(ctl freeze); a=$a/$(ctl freeze)
+  expect "and answers its controls ($a)" [ "$a" = "ok Unfreeze/ok Freeze" ]
+  frames_md5 30 /tmp/after-fault.md5
+  local n d size fps run; read -r n d size fps run <<<"$(md5_stats /tmp/after-fault.md5)"
+  expect "a new reader gets frames ($n of 30)" [ "$n" = 30 ] || note "reader: $(tail -c 300 /tmp/after-fault.md5.err)"
+  summary "removal refused; reader killed; then $n frames at $fps fps"
+  [ "$force" = yes ] || return 0
+
+  local before; before=$(frames_written)
+  out=$(rmmod -f v4l2loopback 2>&1) || { note "rmmod -f failed: $out"; T_SKIP="forced unload not possible here: $out"; return; }
+  note "rmmod -f v4l2loopback while Vistrel streams: done ($before frames written so far)"
   sleep 6
-  kill $reader 2>/dev/null; wait $reader 2>/dev/null
   expect "the device is gone" test ! -e "$LB"
   expect "vistrel keeps running" app_alive
-  local a; a=$(ctl freeze 2>&1); note "freeze -> $a"
-  expect "and still answers its controls" [ "$a" = "ok Unfreeze" ]
-  local logged; logged=$(grep -E "$LB|video$LB_NR" "$APP_LOG" | grep -iE 'fail|error|No such' | tail -n 3 | tr '\n' ' ')
-  note "app log lines about the device: ${logged:-none}"
-  expect "the failure was logged" [ -n "$logged" ]
-  dmesg | grep -qE 'BUG:|Oops' && note "kernel: $(dmesg | grep -m1 -E 'BUG:|Oops')"
-  summary "device removed by force; app alive; logged: $(echo "$logged" | cut -c1-160)"
+  a=$(ctl freeze); note "freeze -> $a"
+  expect "and answers its controls" [ "$a" = "ok Unfreeze" ]
+  local logged; logged=$(grep -E "$LB" "$APP_LOG" | grep -iE 'fail|error' | tail -n 2 | tr '\n' ' ')
+  note "app log about the device: ${logged:-nothing}"
+  expect "the failure is logged" [ -n "$logged" ]
+  expect "logged once, not once per frame ($(grep -c "Writing to $LB failed" "$APP_LOG") lines)" \
+    [ "$(grep -c "Writing to $LB failed" "$APP_LOG")" -le 2 ]
+  summary "forced unload: alive, controls answer, logged: $(echo "$logged" | cut -c1-100)"
 }
