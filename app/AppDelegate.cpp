@@ -1,4 +1,5 @@
 #include "app/AppDelegate.h"
+#include "app/SingleInstance.h"
 
 #include "app/MainWindowController.h"
 #include "app/Platform.h"
@@ -222,11 +223,16 @@ void AppDelegate::onboardingCompleted()
 
 void AppDelegate::restartApp()
 {
+    // The new process must not find this one still answering and defer to it.
+    if (m_singleInstance)
+        m_singleInstance->release();
     QString error;
     if (m_services.launcher->launchDetached(m_services.bundle.executablePath, {}, &error)) {
         m_services.application->terminate();
         return;
     }
+    if (m_singleInstance)
+        m_singleInstance->listen();
     traceLog(QStringLiteral("restartApp failed: ") + error);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 #include "app/Services.h"
+#include "app/SingleInstance.h"
 
 #include <QObject>
 #include <QPointer>
@@ -43,6 +44,10 @@ public:
     void showInfoAlert(const QString &title, const QString &text);
     void restartApp();
     void onboardingCompleted();
+    // A second launch of the app asked this one to show itself.
+    void applicationShouldHandleReopen();
+    // The claim to be the one running instance, released before a relaunch.
+    void setSingleInstance(SingleInstance *instance) { m_singleInstance = instance; }
 
     // Fields, in declaration order.
     std::unique_ptr<QSystemTrayIcon> statusItem;
@@ -62,6 +67,7 @@ private:
     void handleInstallResult(int result);
 
     Services m_services;
+    QPointer<SingleInstance> m_singleInstance;
 };
 
 // Builds and shows the 500 × 360 programmatic window used when the interface file

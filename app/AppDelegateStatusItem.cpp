@@ -3,10 +3,12 @@
 
 #include "app/MainWindowController.h"
 #include "app/Platform.h"
+#include "app/SystemLog.h"
 #include "app/WindowPlacement.h"
 #include "onboarding/OnboardingManager.h"
 
 #include <QAbstractButton>
+#include <QApplication>
 #include <QGuiApplication>
 #include <QIcon>
 #include <QScreen>
@@ -82,6 +84,23 @@ void AppDelegate::showMainWindowBelowStatusItem()
     window->show();
     window->raise();
     window->activateWindow();
+}
+
+void AppDelegate::applicationShouldHandleReopen()
+{
+    systemLog(QStringLiteral("reopen requested by a second launch"));
+    if (mainWindowController && mainWindowController->window()) {
+        showMainWindowBelowStatusItem();
+        return;
+    }
+    // The fallback or the onboarding window, whichever this launch shows.
+    for (QWidget *window : QApplication::topLevelWidgets()) {
+        if (window->isVisible() && window->isWindow() && !window->windowFlags().testFlag(Qt::ToolTip)) {
+            m_services.application->activateIgnoringOtherApps();
+            window->raise();
+            window->activateWindow();
+        }
+    }
 }
 
 void AppDelegate::windowDidResignKey(QWidget *sender)

@@ -28,6 +28,12 @@ int main(int argc, char *argv[])
     // A tray utility: closing a window never ends the program.
     QApplication::setQuitOnLastWindowClosed(false);
 
+    // A second launch shows the running app's window instead of starting another.
+    vistrel::SingleInstance singleInstance(vistrel::SingleInstance::defaultKey());
+    if (singleInstance.notifyRunningInstance())
+        return 0;
+    singleInstance.listen();
+
     using namespace vistrel;
     SteadyClock clock;
     MessageBoxAlertPresenter alerts;
@@ -71,6 +77,9 @@ int main(int argc, char *argv[])
 
     AppDelegate delegate(services);
     mainDelegate = &delegate;
+    delegate.setSingleInstance(&singleInstance);
+    QObject::connect(&singleInstance, &SingleInstance::activationRequested, &delegate,
+                     &AppDelegate::applicationShouldHandleReopen);
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
 
     // The interface file's initial window is loaded before launch completes, hidden.

@@ -99,3 +99,26 @@ TEST(AppProcess, WithoutItsInterfaceFileShowsTheFallbackWindow)
     EXPECT_TRUE(errors.contains(QStringLiteral("[Vistrel] programmatic fallback window shown — frame=(")));
     EXPECT_TRUE(errors.contains(QStringLiteral(", 500.0, 360.0)")));
 }
+
+TEST(AppProcess, ASecondLaunchShowsTheRunningAppAndLeaves)
+{
+    AppProcess first(kBinary, true);
+    ASSERT_TRUE(first.waitForTrace(QStringLiteral("didFinishLaunching EXIT")));
+
+    QProcess second;
+    second.setProcessEnvironment(first.process.processEnvironment());
+    second.start(kBinary);
+    ASSERT_TRUE(second.waitForFinished(10000));
+    EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(second.exitCode(), 0);
+
+    EXPECT_TRUE(first.waitForErrors(QStringLiteral("reopen requested")).contains(
+        QStringLiteral("[Vistrel] reopen requested by a second launch")));
+    // The second process never launched: the trace holds the first launch only.
+    EXPECT_EQ(first.trace().count(QStringLiteral("didFinishLaunching ENTER")), 1);
+    EXPECT_EQ(first.process.state(), QProcess::Running);
+
+    // Another home folder is another user's session: its launch is not deferred.
+    AppProcess elsewhere(kBinary, true);
+    EXPECT_TRUE(elsewhere.waitForTrace(QStringLiteral("didFinishLaunching EXIT")));
+}
