@@ -190,6 +190,15 @@ std::string ExtensionInstaller::moduleVersionFromModinfo() const
     return result.succeeded() ? trimmed(result.output) : std::string{};
 }
 
+bool ExtensionInstaller::moduleIsInstalled() const
+{
+    // Presence is the module file; some builds (Debian 12's 0.12.7) carry no version.
+    if (m_paths.modinfo.empty())
+        return false;
+    const ChildResult result = runProgram({m_paths.modinfo, "-F", "filename", std::string(files::kModuleName)});
+    return result.succeeded() && !trimmed(result.output).empty();
+}
+
 bool ExtensionInstaller::loadBundled(const std::string &identifier, BundledExtension &bundled, Outcome &failure) const
 {
     const std::string folder = m_paths.extensionsDir + "/" + identifier;
@@ -312,7 +321,7 @@ Outcome ExtensionInstaller::activate(const std::string &identifier)
         return failure;
 
     const ModuleState state = moduleState();
-    if (!state.loaded && moduleVersionFromModinfo().empty())
+    if (!state.loaded && !moduleIsInstalled())
         return Outcome::failed(4, "The v4l2loopback kernel module is not installed.");
 
     const std::string marker = files::markerLine(

@@ -81,6 +81,7 @@ private:
     Outcome loadIntoRunningKernel(const BundledExtension &bundled, const ModuleState &state);
     Outcome loadModule();
     std::string moduleVersionFromModinfo() const;
+    bool moduleIsInstalled() const;
 
     InstallerPaths m_paths;
 };

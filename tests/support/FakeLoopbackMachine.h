@@ -30,6 +30,7 @@ public:
         writeTool(QStringLiteral("sbin/modinfo"), QString::fromUtf8(R"sh(
 echo "modinfo $*" >> "$R/kernel/log"
 [ -f "$R/kernel/version" ] || { echo "modinfo: ERROR: Module v4l2loopback not found." >&2; exit 1; }
+[ "$2" = filename ] && { echo "/lib/modules/fake/updates/dkms/v4l2loopback.ko"; exit 0; }
 cat "$R/kernel/version"
 )sh"));
         writeTool(QStringLiteral("sbin/modprobe"), QString::fromUtf8(R"sh(
@@ -71,7 +72,8 @@ esac
     QString modprobeFile() const { return path(QStringLiteral("etc/modprobe.d/") + kIdentifier + QStringLiteral(".conf")); }
     QString modulesLoadFile() const { return path(QStringLiteral("etc/modules-load.d/") + kIdentifier + QStringLiteral(".conf")); }
 
-    // The module is installed on disk (modinfo and modprobe find it) in this version.
+    // The module is installed on disk (modinfo and modprobe find it) in this version;
+    // an empty version is a module without one, as Debian 12's 0.12.7 is built.
     void installModule(const QString &version) { write(QStringLiteral("kernel/version"), version + QLatin1Char('\n')); }
     void rejectModuleKey() { write(QStringLiteral("kernel/key-rejected"), {}); }
     // The module is loaded already, with one loopback device of this name.

@@ -93,6 +93,14 @@ TEST_F(HelperProcessTest, ActivatingInstallsTheRecordLoadsTheModuleAndIsSafeToRe
                                 "module=loaded moduleVersion=0.12.7 camera=/dev/video10")});
 }
 
+TEST_F(HelperProcessTest, AModuleBuiltWithoutAVersionIsStillInstalled)
+{
+    machine.installModule(QString());
+    const HelperRun run = helper(QStringLiteral("activate"));
+    EXPECT_EQ(run.lines, QStringList{QStringLiteral("outcome completed")}) << run.errors.toStdString();
+    EXPECT_EQ(machine.deviceNames(), QStringList{QStringLiteral("Vistrel")});
+}
+
 TEST_F(HelperProcessTest, AMissingModuleOrARejectedKeyAreReportedAsTheirOutcomes)
 {
     const HelperRun missing = helper(QStringLiteral("activate"));
