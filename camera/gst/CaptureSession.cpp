@@ -10,6 +10,8 @@
 #include <gst/video/video.h>
 #include <libyuv/convert_argb.h>
 #include <libyuv/planar_functions.h>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -445,6 +447,49 @@ CaptureSession::CaptureSession() : m_relay(std::make_shared<BusRelay>())
     gst_object_unref(bus);
 }
 
+namespace {
+
+// A V4L2 capture node streams to one client at a time: a new session on the same
+// camera must not start before the session it replaces has let go of the device.
+// Releases still under way are counted; a start waits for them, but not for ever, so
+// one stuck pipeline cannot hold up the next.
+class PendingReleases
+{
+public:
+    static PendingReleases &instance()
+    {
+        static PendingReleases releases;
+        return releases;
+    }
+    void begin()
+    {
+        std::lock_guard lock(m_mutex);
+        ++m_pending;
+    }
+    void end()
+    {
+        {
+            std::lock_guard lock(m_mutex);
+            --m_pending;
+        }
+        m_done.notify_all();
+    }
+    void waitForAll(std::chrono::milliseconds limit)
+    {
+        std::unique_lock lock(m_mutex);
+        m_done.wait_for(lock, limit, [this] { return m_pending == 0; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_done;
+    int m_pending = 0;
+};
+
+constexpr std::chrono::seconds kReleaseWaitLimit{3};
+
+} // namespace
+
 CaptureSession::~CaptureSession()
 {
     m_relay->session = nullptr;
@@ -453,11 +498,15 @@ CaptureSession::~CaptureSession()
         m_relay->forwarding = false;
         m_relay->handler = nullptr;
     }
+    PendingReleases::instance().begin();
     std::thread([relay = m_relay, pipeline = m_pipeline] {
-        std::lock_guard lock(relay->stateMutex);
-        relay->released = true;
-        gst_element_set_state(pipeline, GST_STATE_NULL);
-        gst_object_unref(pipeline);
+        {
+            std::lock_guard lock(relay->stateMutex);
+            relay->released = true;
+            gst_element_set_state(pipeline, GST_STATE_NULL);
+            gst_object_unref(pipeline);
+        }
+        PendingReleases::instance().end();
     }).detach();
 }
 
@@ -503,6 +552,7 @@ void CaptureSession::startRunning(StartHandler done)
     std::thread([relay = m_relay, pipeline, done = std::move(done)] {
         bool running = false;
         QString error;
+        PendingReleases::instance().waitForAll(kReleaseWaitLimit);
         {
             std::lock_guard stateLock(relay->stateMutex);
             if (!relay->released) {
