@@ -145,14 +145,15 @@ test_install() {
   local status=$ANSWER
   # the records the app's probes read: the installed configuration's state, the live module,
   # and a video4linux device whose name contains "Vistrel"
-  expect "probe: installed (state=activated_enabled)" sh -c "echo '$status' | grep -q 'state=activated_enabled'"
+  # "installed" (the record in state activated_enabled) = configuration installed + module live
+  expect "probe: installed (configuration installed, module live)" sh -c "echo '$status' | grep -q 'installed=[0-9]' && echo '$status' | grep -q 'module=loaded'"
   expect "probe: activated (module loaded, camera $node)" sh -c "echo '$status' | grep -q 'module=loaded' && echo '$status' | grep -q 'camera=$node'"
   helper deactivate
   expect "deactivate completes (outcome completed)" [ "$ANSWER" = "outcome completed" ]
   expect "no Vistrel device is left" [ -z "$(vistrel_nodes)" ]
   expect "the module configuration is removed" sh -c '! grep -qs v4l2loopback /etc/modprobe.d/*'
   helper status
-  expect "probe: no longer installed" sh -c "! echo '$ANSWER' | grep -q 'state=activated_enabled'"
+  expect "probe: no longer installed" sh -c "echo '$ANSWER' | grep -q 'installed=none'"
   summary "activate -> $node; status: $(echo "$status" | sed 's/^status //')"
 }
 
@@ -216,11 +217,18 @@ test_streaming_gate() {
   fi
 }
 
-# The effects start from the user picking the camera in the chooser.
+# The effects need a live picture. Should the camera not deliver (see camera-in), the user picks
+# it in the chooser; a camera that is live is left alone (picking it again restarts capture).
+picture_is_live() {
+  frames_md5 20 /tmp/probe.md5
+  local n d rest; read -r n d rest <<<"$(md5_stats /tmp/probe.md5)"
+  [ "$d" -ge 3 ]
+}
 pick_vivid() {
+  picture_is_live && return 0
   local cams i=0 name; cams=$(ctl cameras); cams=${cams#ok }
   while IFS= read -r name; do
-    if echo "$name" | grep -qi vivid; then note "select $i -> $(ctl select $i)"; sleep 2; return 0; fi
+    if echo "$name" | grep -qi vivid; then note "picture not live: select $i -> $(ctl select $i)"; sleep 2; picture_is_live; return; fi
     i=$((i + 1))
   done < <(echo "$cams" | sed 's/ | /\n/g')
   note "no vivid in the chooser: $cams"; return 1
@@ -242,13 +250,14 @@ test_camera_in() {
 
 test_freeze() {
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
-  expect "vivid picked in the chooser" pick_vivid
+  expect "the picture is live (vivid picked in the chooser if need be)" pick_vivid
   local a n d size fps run
   frames_md5 30 /tmp/live.md5; read -r n d size fps run <<<"$(md5_stats /tmp/live.md5)"
   expect "live before Freeze (distinct $d >= 5)" at_least "$d" 5
   a=$(ctl freeze); note "freeze -> $a"
   expect "Freeze pressed (button now reads Unfreeze)" [ "$a" = "ok Unfreeze" ]
-  sleep 0.5
+  # a camera picture converted just before the press may still land (by design); let it pass
+  sleep 1.5
   frames_md5 60 /tmp/frozen.md5; read -r n d size fps run <<<"$(md5_stats /tmp/frozen.md5)"
   expect "frozen: $n frames all byte-identical (distinct $d)" sh -c "[ $n = 60 ] && [ $d = 1 ]"
   local frozen="$n frames, $d distinct at $fps fps"
@@ -264,28 +273,33 @@ test_freeze() {
 
 test_stutter() {
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
-  expect "vivid picked in the chooser" pick_vivid
+  expect "the picture is live (vivid picked in the chooser if need be)" pick_vivid
   local a; a=$(ctl stutter); note "stutter -> $a"
   expect "Stutter pressed (button now reads Stop)" [ "$a" = "ok Stop" ]
   frames_md5 240 /tmp/stutter.md5
   # runs of identical frames with their durations; a frozen phase is a run of >= 0.6 s
   awk -F', *' '/^#tb/{split($0,x,"/"); tb=1/x[2]} /^[0-9]/{t=$3*tb; if($6!=prev){if(n)print start, last-start+1/30, n; start=t; n=0} n++; last=t; prev=$6}
        END{print start, last-start+1/30, n}' /tmp/stutter.md5 >/tmp/stutter.runs
-  local frozen live; frozen=$(awk '$2>=0.6' /tmp/stutter.runs | wc -l)
-  # live gaps: time between the end of one frozen run and the start of the next
+  # A frozen second looks longer at the reader than 1 s and a live one shorter: the camera's last
+  # picture before the freeze (vivid gives a new one only every few ticks under emulation) already
+  # repeats. So the phases are judged by their period: one frozen plus one live second.
+  local frozen lens live periods
+  frozen=$(awk '$2>=0.6' /tmp/stutter.runs | wc -l)
+  lens=$(awk '$2>=0.6{printf "%.2f ", $2}' /tmp/stutter.runs)
   live=$(awk '$2>=0.6{if(e)printf "%.2f ", $1-e; e=$1+$2}' /tmp/stutter.runs)
-  local lens; lens=$(awk '$2>=0.6{printf "%.2f ", $2}' /tmp/stutter.runs)
-  note "frozen phases (s): $lens; live phases between them (s): $live"
-  expect "at least 3 frozen phases in 8 s of frames ($frozen)" at_least "$frozen" 3
-  expect "frozen phases last ~1 s (0.6..1.6)" sh -c "for v in $lens; do awk -v v=\$v 'BEGIN{exit !(v<=1.6)}' || exit 1; done"
-  expect "live phases between them last ~1 s (0.5..1.6)" sh -c "[ -n '$live' ] && for v in $live; do awk -v v=\$v 'BEGIN{exit !(v>=0.5 && v<=1.6)}' || exit 1; done"
+  periods=$(awk '$2>=0.6{if(s)printf "%.2f ", $1-s; s=$1}' /tmp/stutter.runs)
+  note "frozen phases (s): $lens; live phases between them (s): $live; period (s): $periods"
+  expect "at least 3 frozen phases in the frames read ($frozen)" at_least "$frozen" 3
+  expect "frozen phases last ~1 s (0.8..1.8)" sh -c "for v in $lens; do awk -v v=\$v 'BEGIN{exit !(v>=0.8 && v<=1.8)}' || exit 1; done"
+  expect "changing phases between them (>= 0.3 s each)" sh -c "[ -n '$live' ] && for v in $live; do awk -v v=\$v 'BEGIN{exit !(v>=0.3)}' || exit 1; done"
+  expect "the alternation repeats every ~2 s (1.6..2.4)" sh -c "[ -n '$periods' ] && for v in $periods; do awk -v v=\$v 'BEGIN{exit !(v>=1.6 && v<=2.4)}' || exit 1; done"
   a=$(ctl stutter); note "stutter -> $a"
   expect "Stop pressed (button reads Stutter again)" [ "$a" = "ok Stutter" ]
   sleep 0.5
   frames_md5 30 /tmp/after-stutter.md5
   local n d size fps run; read -r n d size fps run <<<"$(md5_stats /tmp/after-stutter.md5)"
   expect "after Stop the picture is live (longest identical run $run < 15)" at_most "$run" 14
-  summary "$frozen frozen phases of ${lens}s, live phases ${live}s"
+  summary "$frozen frozen phases of ${lens}s, live ${live}s, period ${periods}s"
 }
 
 # A movie whose brightness ramps up over 2 s: forwards the readers see the ramp rise, backwards fall.
@@ -361,6 +375,7 @@ test_fault() {
   out=$(rmmod -f v4l2loopback 2>&1) || { note "rmmod -f failed: $out"; T_SKIP="forced unload not possible here: $out"; return; }
   note "rmmod -f v4l2loopback while Vistrel streams: done ($before frames written so far)"
   sleep 6
+  note "frames written in the 6 s after the removal (write() calls, failed or not): $(( $(frames_written) - before ))"
   expect "the device is gone" test ! -e "$LB"
   expect "vistrel keeps running" app_alive
   a=$(ctl freeze); note "freeze -> $a"
