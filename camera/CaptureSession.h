@@ -43,6 +43,9 @@ public:
 
     // Replaces the delegate; callable from the main thread while frames flow.
     void setSampleBufferDelegate(SampleDelegate delegate);
+    // Asked on the streaming thread before each frame is converted: a frame it declines
+    // is dropped as it comes, costing no conversion. No filter takes every frame.
+    void setFrameFilter(std::function<bool()> wanted);
     GstElement *element() const { return m_bin; }
 
     struct DelegateSlot;

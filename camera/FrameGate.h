@@ -13,13 +13,19 @@ namespace vistrel::camera {
 class FrameGate : public std::enable_shared_from_this<FrameGate>
 {
 public:
-    explicit FrameGate(std::function<void(GstSample *)> receiver) : m_receiver(std::move(receiver)) {}
+    // `wanted`, when given, is asked on the streaming thread before a frame is prepared
+    // for the receiver at all, so that frames nobody needs cost no conversion.
+    explicit FrameGate(std::function<void(GstSample *)> receiver, std::function<bool()> wanted = nullptr)
+        : m_receiver(std::move(receiver)), m_wanted(std::move(wanted))
+    {
+    }
 
     // The receiver's handle on a new gate: releasing the handle closes the gate, even
     // while streaming threads still hold senders.
-    static std::shared_ptr<FrameGate> openUntilReleased(std::function<void(GstSample *)> receiver)
+    static std::shared_ptr<FrameGate> openUntilReleased(std::function<void(GstSample *)> receiver,
+                                                        std::function<bool()> wanted = nullptr)
     {
-        auto gate = std::make_shared<FrameGate>(std::move(receiver));
+        auto gate = std::make_shared<FrameGate>(std::move(receiver), std::move(wanted));
         return std::shared_ptr<FrameGate>(gate.get(), [gate](FrameGate *) { gate->close(); });
     }
 
@@ -27,6 +33,19 @@ public:
     std::function<void(GstSample *)> sender()
     {
         return [gate = shared_from_this()](GstSample *sample) { gate->deliver(sample); };
+    }
+
+    // A filter for the streaming thread: whether the receiver wants the next frame;
+    // false once the gate is closed.
+    std::function<bool()> filter()
+    {
+        return [gate = shared_from_this()] { return gate->wants(); };
+    }
+
+    bool wants()
+    {
+        std::lock_guard lock(m_mutex);
+        return m_receiver && (!m_wanted || m_wanted());
     }
 
     void deliver(GstSample *sample)
@@ -40,11 +59,13 @@ public:
     {
         std::lock_guard lock(m_mutex);
         m_receiver = nullptr;
+        m_wanted = nullptr;
     }
 
 private:
     std::mutex m_mutex;
     std::function<void(GstSample *)> m_receiver;
+    std::function<bool()> m_wanted;
 };
 
 } // namespace vistrel::camera

@@ -8,6 +8,7 @@
 #include <QVariantMap>
 #include <QWidget>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -67,6 +68,8 @@ public:
     void configureCapture(const camera::CameraDevice &device);
     // Runs on the capture pipeline's streaming thread, once per frame.
     void processCameraFrame(GstSample *sample);
+    void attachCameraFrames(camera::VideoDataOutput &output);
+    bool wantsCameraPicture();
 
     // Movie source.
     void playVideo(const QString &filePath);
@@ -116,7 +119,7 @@ public:
     // Fields, in declaration order.
     std::unique_ptr<QLabel> debugCaption;
     QLabel *needToStreamCaption = nullptr;
-    bool needToStream = false;
+    std::atomic<bool> needToStream{false}; // also read on the streaming thread
     bool mirrorCamera = false;
     std::optional<QImage> image;
     bool activating = false;
@@ -174,6 +177,9 @@ private:
     // Declared last so it is released first: no camera frame reaches a controller
     // whose fields are being destroyed.
     std::shared_ptr<camera::FrameGate> m_cameraFrames;
+    // While nobody reads the virtual camera, a camera picture is taken this often.
+    static constexpr std::chrono::milliseconds kStandbyPictureInterval{500};
+    std::atomic<std::chrono::steady_clock::rep> m_nextStandbyPicture{0};
 };
 
 } // namespace vistrel

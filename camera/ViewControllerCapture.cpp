@@ -94,9 +94,7 @@ void ViewController::setupDefaultCapture()
     videoOutput = std::make_shared<camera::VideoDataOutput>();
     if (captureSession->canAddOutput(*videoOutput)) {
         captureSession->addOutput(videoOutput);
-        if (!m_cameraFrames)
-            m_cameraFrames = camera::FrameGate::openUntilReleased([this](GstSample *sample) { processCameraFrame(sample); });
-        videoOutput->setSampleBufferDelegate(m_cameraFrames->sender());
+        attachCameraFrames(*videoOutput);
     }
 
     const QString errorPrefix = QStringLiteral("Erreur lors de la configuration de la caméra : ");
@@ -127,9 +125,7 @@ void ViewController::configureCapture(const camera::CameraDevice &device)
     auto output = std::make_shared<camera::VideoDataOutput>();
     if (captureSession->canAddOutput(*output)) {
         captureSession->addOutput(output);
-        if (!m_cameraFrames)
-            m_cameraFrames = camera::FrameGate::openUntilReleased([this](GstSample *sample) { processCameraFrame(sample); });
-        output->setSampleBufferDelegate(m_cameraFrames->sender());
+        attachCameraFrames(*output);
     }
 
     captureSession->setRuntimeErrorHandler([errorPrefix](const QString &text) { consoleLine(errorPrefix + text); });
@@ -137,6 +133,35 @@ void ViewController::configureCapture(const camera::CameraDevice &device)
         if (!running)
             consoleLine(errorPrefix + failure);
     });
+}
+
+void ViewController::attachCameraFrames(camera::VideoDataOutput &output)
+{
+    if (!m_cameraFrames)
+        m_cameraFrames = camera::FrameGate::openUntilReleased([this](GstSample *sample) { processCameraFrame(sample); },
+                                                              [this] { return wantsCameraPicture(); });
+    output.setSampleBufferDelegate(m_cameraFrames->sender());
+    output.setFrameFilter(m_cameraFrames->filter());
+}
+
+// Streaming thread, before a frame is converted. A frozen picture or a playing movie
+// needs no camera picture (processCameraFrame would drop it). While nobody reads the
+// virtual camera the picture is only kept fresh at a standby rate, for a Freeze or a
+// reader that comes: converting every frame then would be CPU spent on nothing.
+bool ViewController::wantsCameraPicture()
+{
+    if (isPlayingVideo.load(std::memory_order_relaxed) || isFrozen.load(std::memory_order_relaxed))
+        return false;
+    if (needToStream.load(std::memory_order_relaxed))
+        return true;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    auto due = m_nextStandbyPicture.load(std::memory_order_relaxed);
+    if (now < due)
+        return false;
+    using Ticks = std::chrono::steady_clock::duration;
+    const auto next = now + std::chrono::duration_cast<Ticks>(kStandbyPictureInterval).count();
+    // Two sessions may overlap while one winds down; only one of them takes the picture.
+    return m_nextStandbyPicture.compare_exchange_strong(due, next, std::memory_order_relaxed);
 }
 
 // Streaming thread. Reads the two flags without locking: a frame that races with a

@@ -1,5 +1,6 @@
 #include "vcam/PixelBuffer.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -35,11 +36,9 @@ PixelBuffer::PixelBuffer(int width, int height)
 }
 
 PixelBufferPool::PixelBufferPool(int width, int height, FourCharCode pixelFormat, int bufferCount)
-    : m_pixelFormat(pixelFormat)
+    : m_pixelFormat(pixelFormat), m_width(width), m_height(height), m_bufferCount(std::max(bufferCount, 0))
 {
-    m_buffers.reserve(static_cast<std::size_t>(bufferCount));
-    for (int i = 0; i < bufferCount; ++i)
-        m_buffers.push_back(std::make_shared<PixelBuffer>(width, height));
+    m_buffers.reserve(static_cast<std::size_t>(m_bufferCount));
 }
 
 std::shared_ptr<PixelBuffer> PixelBufferPool::createPixelBuffer()
@@ -56,7 +55,13 @@ std::shared_ptr<PixelBuffer> PixelBufferPool::createPixelBuffer()
             return m_buffers[index];
         }
     }
-    return nullptr;
+    // Buffers are made when first needed, so only as many as are really in flight at
+    // once take memory (a steady stream keeps two or three of them busy).
+    if (bufferCount() >= m_bufferCount)
+        return nullptr;
+    m_buffers.push_back(std::make_shared<PixelBuffer>(m_width, m_height));
+    m_next = 0;
+    return m_buffers.back();
 }
 
 } // namespace vistrel::vcam

@@ -35,9 +35,10 @@ private:
     QImage m_image;
 };
 
-// A fixed set of equal pixel buffers made once. A buffer handed out comes back to the
-// pool when its last holder (the queue, the device writer, the preview) lets go, so
-// frames cost no allocation.
+// At most bufferCount equal pixel buffers, each made the first time no other is free
+// and kept from then on. A buffer handed out comes back to the pool when its last
+// holder (the queue, the device writer, the preview) lets go, so steady frames cost no
+// allocation.
 class PixelBufferPool
 {
 public:
@@ -47,10 +48,14 @@ public:
     std::shared_ptr<PixelBuffer> createPixelBuffer();
 
     FourCharCode pixelFormat() const { return m_pixelFormat; }
+    // The buffers made so far; never more than the count the pool was made for.
     int bufferCount() const { return static_cast<int>(m_buffers.size()); }
 
 private:
     FourCharCode m_pixelFormat;
+    int m_width;
+    int m_height;
+    int m_bufferCount;
     std::vector<std::shared_ptr<PixelBuffer>> m_buffers;
     std::size_t m_next = 0;
 };

@@ -285,6 +285,7 @@ struct VideoDataOutput::DelegateSlot
 {
     std::mutex mutex;
     SampleDelegate delegate;
+    std::function<bool()> wanted;
     PictureConverter converter; // the streaming thread's only
 };
 
@@ -299,7 +300,7 @@ GstFlowReturn deliverSample(GstAppSink *sink, gpointer data)
     bool wanted;
     {
         std::lock_guard lock(slot.mutex);
-        wanted = static_cast<bool>(slot.delegate);
+        wanted = slot.delegate && (!slot.wanted || slot.wanted());
     }
     // Converted outside the lock, so replacing the delegate never waits for a frame.
     GstSample *picture = wanted ? slot.converter.toPicture(sample) : nullptr;
@@ -363,6 +364,7 @@ VideoDataOutput::VideoDataOutput() : m_slot(std::make_shared<DelegateSlot>())
 VideoDataOutput::~VideoDataOutput()
 {
     setSampleBufferDelegate(nullptr);
+    setFrameFilter(nullptr);
     gst_object_unref(m_bin);
 }
 
@@ -370,6 +372,12 @@ void VideoDataOutput::setSampleBufferDelegate(SampleDelegate delegate)
 {
     std::lock_guard lock(m_slot->mutex);
     m_slot->delegate = std::move(delegate);
+}
+
+void VideoDataOutput::setFrameFilter(std::function<bool()> wanted)
+{
+    std::lock_guard lock(m_slot->mutex);
+    m_slot->wanted = std::move(wanted);
 }
 
 // --- CaptureSession --------------------------------------------------------------

@@ -5,6 +5,7 @@
 #include "camera/CaptureSession.h"
 #include "camera/SampleImage.h"
 
+#include <QElapsedTimer>
 #include <gst/gst.h>
 
 namespace vistrel::test {
@@ -160,6 +161,44 @@ TEST_F(CameraCaptureTest, FramesAreIgnoredWhileFrozenAndWhileAMoviePlays)
 
     vc->isPlayingVideo = false;
     EXPECT_TRUE(waitForColour(QStringLiteral("blue")));
+}
+
+// How many new pictures reach currentImage within `ms` (each conversion is a new picture).
+int picturesWithin(ViewController &vc, int ms)
+{
+    int changes = 0;
+    qint64 last = vc.currentImage ? vc.currentImage->cacheKey() : 0;
+    QElapsedTimer clock;
+    clock.start();
+    while (clock.elapsed() < ms) {
+        QTest::qWait(5);
+        const qint64 key = vc.currentImage ? vc.currentImage->cacheKey() : 0;
+        changes += key != last;
+        last = key;
+    }
+    return changes;
+}
+
+TEST_F(CameraCaptureTest, WithoutAReaderOnlyAStandbyPictureIsTakenAndEveryFrameOnceSomeoneReads)
+{
+    startCamera();
+    choose(indexOf(TestCameraProvider::kStudioCameraName, 1));
+    ASSERT_TRUE(waitForColour(QStringLiteral("blue")));
+
+    // Nobody reads the virtual camera: a 30 fps camera yields about two pictures a second.
+    ASSERT_FALSE(vc->needToStream);
+    const int standby = picturesWithin(*vc, 2000);
+    EXPECT_GE(standby, 2);
+    EXPECT_LE(standby, 6);
+
+    vc->needToStream = true;
+    EXPECT_GE(picturesWithin(*vc, 1000), 12);
+
+    // Frozen, not even the standby picture replaces the held one.
+    vc->needToStream = false;
+    vc->toggleFreeze();
+    QTest::qWait(100);
+    EXPECT_EQ(picturesWithin(*vc, 1200), 0);
 }
 
 TEST_F(CameraCaptureTest, PicturesWrapTheDecodedBufferInTheCamerasOwnSize)

@@ -188,6 +188,18 @@ TEST_F(LinkTest, PicturesAreStretchedToTheFullFrameAndMirroredOnRequest)
     EXPECT_GT(sim.queue->lastPresentationTimeNs(), 0);
 }
 
+TEST_F(LinkTest, ASteadyStreamKeepsOnlyTheBuffersInFlight)
+{
+    connectStreaming(solid(64, 48, Qt::green));
+    for (int frame = 0; frame < 30; ++frame) {
+        vc->fireTimer();
+        ASSERT_TRUE(sim.queue->takeFrame());
+    }
+    EXPECT_EQ(sim.queue->framesEnqueued(), 30);
+    // One buffer in the preview, one on its way: the pool's spare buffers are never made.
+    EXPECT_LE(vc->_bufferPool->bufferCount(), 2);
+}
+
 TEST_F(LinkTest, AFullQueueOrAnEmptyPoolDropsTheFrameWithALine)
 {
     sim.queueCapacity = 1;
