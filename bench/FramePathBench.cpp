@@ -7,6 +7,7 @@
 // rate one core sustains.
 #include "bench/FramePathHarness.h"
 #include "bench/SyntheticCamera.h"
+#include "vcam/FrameSize.h"
 #include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
 
@@ -84,8 +85,9 @@ void benchIntake(benchmark::State &state, FrameKind kind)
         if (picture.isNull())
             return state.SkipWithError("the intake made no picture");
     }
-    if (picture.size() != QSize(kind.width, kind.height))
-        return state.SkipWithError("the picture does not have the camera's size");
+    // The app's pictures: the camera's size, shrunk to the virtual camera's frame if larger.
+    if (picture.size() != QSize(kind.width, kind.height).boundedTo(QSize(vcam::kFrameWidth, vcam::kFrameHeight)))
+        return state.SkipWithError("the picture does not have the camera's size, bounded by the frame's");
     countFrames(state);
 }
 

@@ -2,6 +2,7 @@
 
 #include "camera/CaptureSession.h"
 #include "camera/SampleImage.h"
+#include "vcam/FrameSize.h"
 #include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
 
@@ -45,6 +46,7 @@ CaptureIntake::CaptureIntake(GstCaps *cameraCaps)
     g_object_set(m_camera.lastSource(), "caps", cameraCaps, nullptr);
     m_session->addInput(input);
     m_output = std::make_shared<camera::VideoDataOutput>();
+    m_output->setLargestPictureSize(QSize(vcam::kFrameWidth, vcam::kFrameHeight)); // as the app sets it
     m_session->addOutput(m_output);
     m_output->setSampleBufferDelegate([this](GstSample *sample) {
         QImage picture = camera::imageFromSample(sample);

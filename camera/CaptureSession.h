@@ -1,6 +1,7 @@
 #pragma once
 #include "camera/CameraDevice.h"
 
+#include <QSize>
 #include <QString>
 #include <functional>
 #include <memory>
@@ -46,6 +47,9 @@ public:
     // Asked on the streaming thread before each frame is converted: a frame it declines
     // is dropped as it comes, costing no conversion. No filter takes every frame.
     void setFrameFilter(std::function<bool()> wanted);
+    // Pictures are made no wider and no taller than this (empty: the camera's size);
+    // a larger frame is shrunk by nearest pixels as it is converted.
+    void setLargestPictureSize(QSize size);
     GstElement *element() const { return m_bin; }
 
     struct DelegateSlot;

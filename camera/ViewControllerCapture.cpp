@@ -5,6 +5,7 @@
 #include "camera/CaptureSession.h"
 #include "camera/FrameGate.h"
 #include "camera/SampleImage.h"
+#include "vcam/FrameSize.h"
 
 #include <QComboBox>
 #include <QPushButton>
@@ -142,6 +143,8 @@ void ViewController::attachCameraFrames(camera::VideoDataOutput &output)
                                                               [this] { return wantsCameraPicture(); });
     output.setSampleBufferDelegate(m_cameraFrames->sender());
     output.setFrameFilter(m_cameraFrames->filter());
+    // A larger picture would only be shrunk to the virtual camera's frame later on.
+    output.setLargestPictureSize(QSize(vcam::kFrameWidth, vcam::kFrameHeight));
 }
 
 // Streaming thread, before a frame is converted. A frozen picture or a playing movie

@@ -4,6 +4,7 @@
 #include "app/SystemLog.h"
 #include "camera/ViewController.h"
 #include "vcam/FrameDrawing.h"
+#include "vcam/FrameSize.h"
 #include "vcam/LoopbackPreview.h"
 #include "vcam/PixelBuffer.h"
 #include "vcam/PropertyAccess.h"
@@ -18,8 +19,6 @@ namespace vistrel {
 
 namespace {
 
-constexpr int kFrameWidth = 1280;
-constexpr int kFrameHeight = 720;
 // Enough for a full sink queue, the frame the device writer holds, the one the
 // preview shows and the one being drawn.
 constexpr int kPoolExtraBuffers = 3;
@@ -169,7 +168,7 @@ void ViewController::showVirtualCameraPreview()
 void ViewController::initSink(vcam::ObjectID device, vcam::ObjectID stream)
 {
     _videoDescription = std::make_shared<vcam::VideoFormatDescription>(
-        vcam::VideoFormatDescription{vcam::codes::pixelFormatBGRA, kFrameWidth, kFrameHeight});
+        vcam::VideoFormatDescription{vcam::codes::pixelFormatBGRA, vcam::kFrameWidth, vcam::kFrameHeight});
 
     std::shared_ptr<vcam::SimpleQueue> queue;
     const vcam::Status copied = m_services.virtualCamera->copyBufferQueue(

@@ -10,6 +10,8 @@
 #include <gst/video/video.h>
 #include <libyuv/convert_argb.h>
 #include <libyuv/planar_functions.h>
+#include <libyuv/scale_argb.h>
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -35,6 +37,12 @@ constexpr guint kPicturesInFlight = 3;
 // from a pool and go back to it once the last picture made of them is released, so a
 // frame costs no pixel allocation. Used by one streaming thread at a time.
 //
+// A frame larger than the largest picture wanted is shrunk as it is converted, by
+// nearest pixels: only the rows the picture keeps are converted, each into a one-row
+// buffer that stays in cache, from which the kept columns are picked. The large frame
+// is never written out whole, and nearest pixels are what the picture's later stretch
+// would have picked anyway.
+//
 // BT.601 (what USB cameras and JPEG use) goes through libyuv. libyuv's BT.709 and
 // BT.2020 tables clip strong blues by up to 16 levels, so frames in those matrices go
 // through GStreamer's own converter instead: slower, but true to the camera.
@@ -49,14 +57,30 @@ public:
     // A new reference to a sample in the picture format: the sample itself when it is
     // in that format already (or in one this cannot convert), else a converted copy.
     // Null (the frame is dropped) while every picture buffer is still held.
-    GstSample *toPicture(GstSample *sample);
+    // `largest` (when not empty) bounds the picture's width and height.
+    GstSample *toPicture(GstSample *sample, QSize largest);
 
 private:
-    bool prepare(GstCaps *caps);
+    // Where a frame's rows start in its planes (packed formats: y alone).
+    struct Planes
+    {
+        const std::uint8_t *y = nullptr, *u = nullptr, *v = nullptr;
+        int yStride = 0, uStride = 0, vStride = 0;
+        bool chromaHalfHeight = false; // 4:2:0: one chroma row for two rows
+
+        static Planes of(const GstVideoFrame &frame);
+        Planes fromRow(int row) const;
+    };
+
+    bool prepare(GstCaps *caps, QSize largest);
     void convert(const GstVideoFrame &in, GstVideoFrame &out);
+    void convertRows(const Planes &in, int width, int rows, std::uint8_t *bgrx, int bgrxStride);
     void reset();
 
     GstCaps *m_inputCaps = nullptr;
+    QSize m_largest;
+    bool m_shrinking = false;
+    std::vector<std::uint8_t> m_row; // one converted row at the camera's width
     bool m_passthrough = true;
     GstVideoInfo m_in{};
     GstVideoInfo m_picture{};
@@ -96,10 +120,11 @@ void PictureConverter::reset()
     m_passthrough = true;
 }
 
-bool PictureConverter::prepare(GstCaps *caps)
+bool PictureConverter::prepare(GstCaps *caps, QSize largest)
 {
     reset();
     m_inputCaps = gst_caps_ref(caps);
+    m_largest = largest;
     if (!gst_video_info_from_caps(&m_in, caps))
         return false;
     switch (GST_VIDEO_INFO_FORMAT(&m_in)) {
@@ -116,9 +141,16 @@ bool PictureConverter::prepare(GstCaps *caps)
         return false; // BGRx passes as it is
     }
 
+    const int width = GST_VIDEO_INFO_WIDTH(&m_in);
+    const int height = GST_VIDEO_INFO_HEIGHT(&m_in);
+    const int pictureWidth = largest.isEmpty() ? width : std::min(width, largest.width());
+    const int pictureHeight = largest.isEmpty() ? height : std::min(height, largest.height());
+    m_shrinking = pictureWidth != width || pictureHeight != height;
+    m_row.resize(m_shrinking ? static_cast<std::size_t>(width) * 4 : 0);
+
     GstVideoInfo &picture = m_picture;
-    gst_video_info_set_format(&picture, GST_VIDEO_FORMAT_BGRx, GST_VIDEO_INFO_WIDTH(&m_in),
-                              GST_VIDEO_INFO_HEIGHT(&m_in));
+    gst_video_info_set_format(&picture, GST_VIDEO_FORMAT_BGRx, static_cast<guint>(pictureWidth),
+                              static_cast<guint>(pictureHeight));
     GST_VIDEO_INFO_FPS_N(&picture) = GST_VIDEO_INFO_FPS_N(&m_in);
     GST_VIDEO_INFO_FPS_D(&picture) = GST_VIDEO_INFO_FPS_D(&m_in);
     GST_VIDEO_INFO_PAR_N(&picture) = GST_VIDEO_INFO_PAR_N(&m_in);
@@ -127,7 +159,11 @@ bool PictureConverter::prepare(GstCaps *caps)
 
     m_matrix = libyuvMatrixFor(GST_VIDEO_INFO_COLORIMETRY(&m_in));
     if (!m_matrix) {
-        m_exactConverter = gst_video_converter_new(&m_in, &picture, nullptr);
+        // GStreamer's converter shrinks as it converts; by nearest pixels, as below.
+        GstStructure *options = gst_structure_new("options", GST_VIDEO_CONVERTER_OPT_RESAMPLER_METHOD,
+                                                  GST_TYPE_VIDEO_RESAMPLER_METHOD, GST_VIDEO_RESAMPLER_METHOD_NEAREST,
+                                                  nullptr);
+        m_exactConverter = gst_video_converter_new(&m_in, &picture, options);
         if (!m_exactConverter)
             return false;
     }
@@ -152,6 +188,53 @@ bool PictureConverter::prepare(GstCaps *caps)
     return true;
 }
 
+PictureConverter::Planes PictureConverter::Planes::of(const GstVideoFrame &frame)
+{
+    Planes planes;
+    switch (GST_VIDEO_FRAME_FORMAT(&frame)) {
+    case GST_VIDEO_FORMAT_YUY2:
+    case GST_VIDEO_FORMAT_UYVY:
+        planes.y = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
+        planes.yStride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0);
+        return planes;
+    case GST_VIDEO_FORMAT_NV12:
+    case GST_VIDEO_FORMAT_I420:
+    case GST_VIDEO_FORMAT_YV12:
+        planes.chromaHalfHeight = true;
+        break;
+    case GST_VIDEO_FORMAT_NV21:
+        // The interleaved plane starts with V: its first byte, not U's, is the row start.
+        planes.chromaHalfHeight = true;
+        planes.y = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
+        planes.yStride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 0);
+        planes.u = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 1));
+        planes.uStride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 1);
+        return planes;
+    default:
+        break;
+    }
+    // The component pointers put YV12's swapped planes right.
+    planes.y = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&frame, GST_VIDEO_COMP_Y));
+    planes.yStride = GST_VIDEO_FRAME_COMP_STRIDE(&frame, GST_VIDEO_COMP_Y);
+    planes.u = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&frame, GST_VIDEO_COMP_U));
+    planes.uStride = GST_VIDEO_FRAME_COMP_STRIDE(&frame, GST_VIDEO_COMP_U);
+    planes.v = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&frame, GST_VIDEO_COMP_V));
+    planes.vStride = GST_VIDEO_FRAME_COMP_STRIDE(&frame, GST_VIDEO_COMP_V);
+    return planes;
+}
+
+PictureConverter::Planes PictureConverter::Planes::fromRow(int row) const
+{
+    Planes planes = *this;
+    const int chromaRow = chromaHalfHeight ? row / 2 : row;
+    planes.y += static_cast<std::ptrdiff_t>(row) * yStride;
+    if (planes.u)
+        planes.u += static_cast<std::ptrdiff_t>(chromaRow) * uStride;
+    if (planes.v)
+        planes.v += static_cast<std::ptrdiff_t>(chromaRow) * vStride;
+    return planes;
+}
+
 void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
 {
     if (m_exactConverter) {
@@ -162,16 +245,39 @@ void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
     const int bgrxStride = GST_VIDEO_FRAME_PLANE_STRIDE(&out, 0);
     const int width = GST_VIDEO_FRAME_WIDTH(&in);
     const int height = GST_VIDEO_FRAME_HEIGHT(&in);
-    const auto *y = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&in, GST_VIDEO_COMP_Y));
-    const int yStride = GST_VIDEO_FRAME_COMP_STRIDE(&in, GST_VIDEO_COMP_Y);
-    const auto *u = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&in, GST_VIDEO_COMP_U));
-    const int uStride = GST_VIDEO_FRAME_COMP_STRIDE(&in, GST_VIDEO_COMP_U);
-    const auto *v = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&in, GST_VIDEO_COMP_V));
-    const int vStride = GST_VIDEO_FRAME_COMP_STRIDE(&in, GST_VIDEO_COMP_V);
-    const auto *packed = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&in, 0));
-    const int packedStride = GST_VIDEO_FRAME_PLANE_STRIDE(&in, 0);
+    const Planes planes = Planes::of(in);
+    if (!m_shrinking) {
+        convertRows(planes, width, height, bgrx, bgrxStride);
+        return;
+    }
+    const int pictureWidth = GST_VIDEO_FRAME_WIDTH(&out);
+    const int pictureHeight = GST_VIDEO_FRAME_HEIGHT(&out);
+    for (int row = 0; row < pictureHeight; ++row) {
+        // The source row nearest to this row's centre.
+        const int sourceRow = static_cast<int>((2 * static_cast<std::int64_t>(row) + 1) * height / (2 * pictureHeight));
+        std::uint8_t *pictureRow = bgrx + static_cast<std::ptrdiff_t>(row) * bgrxStride;
+        if (pictureWidth == width) {
+            convertRows(planes.fromRow(sourceRow), width, 1, pictureRow, bgrxStride);
+            continue;
+        }
+        convertRows(planes.fromRow(sourceRow), width, 1, m_row.data(), width * 4);
+        libyuv::ARGBScale(m_row.data(), width * 4, width, 1, pictureRow, bgrxStride, pictureWidth, 1,
+                          libyuv::kFilterNone);
+    }
+}
+
+void PictureConverter::convertRows(const Planes &in, int width, int height, std::uint8_t *bgrx, int bgrxStride)
+{
+    const auto *y = in.y;
+    const int yStride = in.yStride;
+    const auto *u = in.u;
+    const int uStride = in.uStride;
+    const auto *v = in.v;
+    const int vStride = in.vStride;
+    const auto *packed = in.y;
+    const int packedStride = in.yStride;
     // libyuv's "ARGB" is B,G,R,A in memory: BGRx with an opaque fourth byte.
-    switch (GST_VIDEO_FRAME_FORMAT(&in)) {
+    switch (GST_VIDEO_INFO_FORMAT(&m_in)) {
     case GST_VIDEO_FORMAT_I420:
     case GST_VIDEO_FORMAT_YV12: // the same planes in another order; the component pointers sort that out
         libyuv::I420ToARGBMatrix(y, yStride, u, uStride, v, vStride, bgrx, bgrxStride, m_matrix, width, height);
@@ -186,13 +292,13 @@ void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
         libyuv::NV12ToARGBMatrix(y, yStride, u, uStride, bgrx, bgrxStride, m_matrix, width, height);
         break;
     case GST_VIDEO_FORMAT_NV21:
-        libyuv::NV21ToARGBMatrix(y, yStride, v, vStride, bgrx, bgrxStride, m_matrix, width, height);
+        libyuv::NV21ToARGBMatrix(y, yStride, u, uStride, bgrx, bgrxStride, m_matrix, width, height); // VU pairs
         break;
     case GST_VIDEO_FORMAT_YUY2:
     case GST_VIDEO_FORMAT_UYVY: {
         // libyuv's packed converters know limited-range BT.601 only; a full-range
         // frame is split into planes first.
-        const bool yuy2 = GST_VIDEO_FRAME_FORMAT(&in) == GST_VIDEO_FORMAT_YUY2;
+        const bool yuy2 = GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_YUY2;
         if (m_matrix == &libyuv::kYuvI601Constants) {
             if (yuy2)
                 libyuv::YUY2ToARGB(packed, packedStride, bgrx, bgrxStride, width, height);
@@ -220,14 +326,14 @@ void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
     }
 }
 
-GstSample *PictureConverter::toPicture(GstSample *sample)
+GstSample *PictureConverter::toPicture(GstSample *sample, QSize largest)
 {
     GstCaps *caps = gst_sample_get_caps(sample);
     GstBuffer *buffer = gst_sample_get_buffer(sample);
     if (!caps || !buffer)
         return gst_sample_ref(sample);
-    if (caps != m_inputCaps && (!m_inputCaps || !gst_caps_is_equal(caps, m_inputCaps)))
-        prepare(caps);
+    if (largest != m_largest || (caps != m_inputCaps && (!m_inputCaps || !gst_caps_is_equal(caps, m_inputCaps))))
+        prepare(caps, largest);
     if (m_passthrough)
         return gst_sample_ref(sample);
 
@@ -286,6 +392,7 @@ struct VideoDataOutput::DelegateSlot
     std::mutex mutex;
     SampleDelegate delegate;
     std::function<bool()> wanted;
+    QSize largestPicture;
     PictureConverter converter; // the streaming thread's only
 };
 
@@ -298,12 +405,14 @@ GstFlowReturn deliverSample(GstAppSink *sink, gpointer data)
     if (!sample)
         return GST_FLOW_EOS;
     bool wanted;
+    QSize largest;
     {
         std::lock_guard lock(slot.mutex);
         wanted = slot.delegate && (!slot.wanted || slot.wanted());
+        largest = slot.largestPicture;
     }
     // Converted outside the lock, so replacing the delegate never waits for a frame.
-    GstSample *picture = wanted ? slot.converter.toPicture(sample) : nullptr;
+    GstSample *picture = wanted ? slot.converter.toPicture(sample, largest) : nullptr;
     gst_sample_unref(sample);
     if (picture) {
         std::lock_guard lock(slot.mutex);
@@ -378,6 +487,12 @@ void VideoDataOutput::setFrameFilter(std::function<bool()> wanted)
 {
     std::lock_guard lock(m_slot->mutex);
     m_slot->wanted = std::move(wanted);
+}
+
+void VideoDataOutput::setLargestPictureSize(QSize size)
+{
+    std::lock_guard lock(m_slot->mutex);
+    m_slot->largestPicture = size;
 }
 
 // --- CaptureSession --------------------------------------------------------------

@@ -79,8 +79,9 @@ QImage videoconvertPicture(const SamplePtr &frame)
 class Intake
 {
 public:
-    explicit Intake(GstCaps *caps) : m_output(std::make_shared<VideoDataOutput>())
+    explicit Intake(GstCaps *caps, QSize largestPicture = {}) : m_output(std::make_shared<VideoDataOutput>())
     {
+        m_output->setLargestPictureSize(largestPicture);
         m_pipeline = gst_pipeline_new(nullptr);
         m_source = gst_element_factory_make("appsrc", nullptr);
         g_object_set(m_source, "caps", caps, "format", GST_FORMAT_TIME, nullptr);
@@ -166,6 +167,37 @@ TEST(IntakeConversionTest, CameraYuvBecomesThePictureItWasMadeFrom)
             const QImage converted = imageFromSample(delivered.get());
             ASSERT_EQ(converted.size(), size);
             EXPECT_LE(largestChannelError(converted, videoconvertPicture(frame)), layout.tolerance);
+        }
+    }
+}
+
+// A frame larger than the largest picture is shrunk as it is converted; the picture is
+// what converting the whole frame and then picking the nearest pixels gives. Only the
+// dimension that is too large shrinks.
+TEST(IntakeConversionTest, LargeFramesBecomePicturesNoLargerThanAsked)
+{
+    const char *layouts[][2] = {{"YUY2", "bt601"}, {"YUY2", kFullRange601}, {"UYVY", "bt601"}, {"NV12", "bt601"},
+                                {"NV21", "bt601"}, {"I420", "bt601"},       {"YV12", "bt601"}, {"Y42B", "bt601"},
+                                {"Y444", kFullRange601}, {"I420", "bt709"}};
+    const QSize largest(160, 90);
+    for (const QSize size : {QSize(480, 270), QSize(320, 60), QSize(150, 200), QSize(100, 80)}) {
+        const QImage picture = gradient(size.width(), size.height());
+        const QSize expected = size.boundedTo(largest);
+        for (const auto &[format, colorimetry] : layouts) {
+            SCOPED_TRACE(testing::Message() << format << " " << colorimetry << " " << size.width());
+            const SamplePtr frame = cameraFrame(picture, format, colorimetry);
+            ASSERT_TRUE(frame);
+            Intake intake(gst_sample_get_caps(frame.get()), largest);
+            const SamplePtr delivered = intake.deliver(frame);
+            ASSERT_TRUE(delivered);
+            const QImage shrunk = imageFromSample(delivered.get());
+            ASSERT_EQ(shrunk.size(), expected);
+            const QImage reference =
+                videoconvertPicture(frame).scaled(expected, Qt::IgnoreAspectRatio, Qt::FastTransformation);
+            // Nearest picks (GStreamer's for BT.709, ours otherwise) may land a pixel or
+            // two apart from Qt's: a few levels of the gradient on top of the conversion's
+            // own error. A wrong row, plane, stride or chroma order is off by a hundred.
+            EXPECT_LE(largestChannelError(shrunk, reference), 12);
         }
     }
 }

@@ -1,4 +1,5 @@
 #pragma once
+#include "vcam/FrameSize.h"
 #include "vcam/SimpleQueue.h"
 
 #include <QString>
@@ -24,8 +25,8 @@ namespace vistrel::vcam {
 class LoopbackSink final : public SimpleQueue
 {
 public:
-    static constexpr int kWidth = 1280;
-    static constexpr int kHeight = 720;
+    static constexpr int kWidth = kFrameWidth;
+    static constexpr int kHeight = kFrameHeight;
     static constexpr int kFrameRate = 30;
     static constexpr int kCapacity = 3;
 
