@@ -13,10 +13,26 @@ namespace {
 constexpr const char *kControllerProperty = "vistrelWindowController";
 
 // Creates our own classes by name while the interface file is read.
+//
+// The interface uses Qt's own widgets only, but a loader loads every designer plugin
+// installed as it is made (QQuickWidget's brings in Qt Quick and QML: several MB
+// resident for nothing). So it is made while Qt knows no plugin folder: the caller
+// passes withoutLibraryPaths(), evaluated before the loader exists, and the
+// constructor puts the folders back.
 class InterfaceLoader : public QUiLoader
 {
 public:
-    explicit InterfaceLoader(const Services &services) : m_services(services) {}
+    InterfaceLoader(const Services &services, const QStringList &libraryPaths) : m_services(services)
+    {
+        QCoreApplication::setLibraryPaths(libraryPaths);
+    }
+
+    static QStringList withoutLibraryPaths()
+    {
+        QStringList paths = QCoreApplication::libraryPaths();
+        QCoreApplication::setLibraryPaths({});
+        return paths;
+    }
 
     QWidget *createWidget(const QString &className, QWidget *parent, const QString &name) override
     {
@@ -62,7 +78,7 @@ MainWindowController *instantiateMainInterface(const Services &services, const Q
     QFile file(uiPath);
     if (!file.open(QIODevice::ReadOnly))
         return nullptr;
-    InterfaceLoader loader(services);
+    InterfaceLoader loader(services, InterfaceLoader::withoutLibraryPaths());
     QWidget *root = loader.load(&file);
     if (!root)
         return nullptr;
