@@ -192,6 +192,24 @@ TEST_F(LaunchTest, InterfaceFileWithoutAMainWindowFallsBack)
     EXPECT_NE(fallbackWindow(), nullptr);
 }
 
+// The form holds plain widgets: reading it must not pull designer plugins (Qt Quick and
+// QML among them) into the process, nor leave Qt without its plugin folders.
+TEST_F(LaunchTest, ReadingTheInterfaceLoadsNoDesignerPluginAndKeepsThePluginFolders)
+{
+    const QStringList folders = QCoreApplication::libraryPaths();
+    MainWindowController *controller =
+        instantiateMainInterface(env->services, QStringLiteral(VISTREL_SOURCE_DIR "/resources/Main.ui"));
+    ASSERT_NE(controller, nullptr);
+    std::unique_ptr<QWidget> window(controller->window()); // the window owns its controller
+    EXPECT_EQ(QCoreApplication::libraryPaths(), folders);
+
+    QFile maps(QStringLiteral("/proc/self/maps"));
+    ASSERT_TRUE(maps.open(QIODevice::ReadOnly));
+    const QByteArray mapped = maps.readAll();
+    EXPECT_FALSE(mapped.contains("/designer/")) << "a designer plugin was loaded";
+    EXPECT_FALSE(mapped.contains("libQt6Quick")) << "Qt Quick was loaded";
+}
+
 TEST(WindowDescriptions, FramesAndObjectsPrintAsTheTraceExpects)
 {
     EXPECT_EQ(describeFrame(QRectF(0, 0, 500, 360)), QStringLiteral("(0.0, 0.0, 500.0, 360.0)"));
