@@ -42,14 +42,25 @@ protected:
         start(xserver, QStringLiteral("Xvfb"),
               {display, QStringLiteral("-screen"), QStringLiteral("0"), QStringLiteral("1280x800x24"),
                QStringLiteral("-nolisten"), QStringLiteral("tcp")});
-        ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(QStringLiteral("/tmp/.X11-unix/X") + display.mid(1)); },
-                                    10000));
+        // The socket appears before the server takes clients: wait until it answers.
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !xdotool({"getdisplaygeometry"}).isEmpty(); }, 20000))
+            << "Xvfb did not start";
 
-        start(tray, QStringLiteral("trayer"),
-              {QStringLiteral("--edge"), QStringLiteral("top"), QStringLiteral("--align"), QStringLiteral("right"),
-               QStringLiteral("--widthtype"), QStringLiteral("pixel"), QStringLiteral("--width"), QStringLiteral("200"),
-               QStringLiteral("--height"), QStringLiteral("32"), QStringLiteral("--SetDockType"), QStringLiteral("true")});
-        ASSERT_TRUE(QTest::qWaitFor([&] { return !xdotool({"search", "--class", "^trayer$"}).isEmpty(); }, 10000));
+        // trayer gives up at once on a display that is not ready yet; start it again then.
+        const QStringList trayArguments = {QStringLiteral("--edge"),      QStringLiteral("top"),
+                                           QStringLiteral("--align"),     QStringLiteral("right"),
+                                           QStringLiteral("--widthtype"), QStringLiteral("pixel"),
+                                           QStringLiteral("--width"),     QStringLiteral("200"),
+                                           QStringLiteral("--height"),    QStringLiteral("32"),
+                                           QStringLiteral("--SetDockType"), QStringLiteral("true")};
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] {
+                if (tray.state() == QProcess::NotRunning)
+                    start(tray, QStringLiteral("trayer"), trayArguments);
+                return !xdotool({"search", "--class", "^trayer$"}).isEmpty();
+            },
+            20000))
+            << "no tray host";
 
         // A throwaway home whose settings take the main-window path.
         QDir(home.path()).mkpath(QStringLiteral(".config/Vistrel"));
