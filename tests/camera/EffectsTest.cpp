@@ -7,17 +7,6 @@ namespace {
 
 using EffectsTest = ControllerFixture;
 
-TEST_F(EffectsTest, FreezeButtonTogglesTheFlagAndItsTitle)
-{
-    startCamera();
-    vc->freezeButton->click();
-    EXPECT_TRUE(vc->isFrozen);
-    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Unfreeze"));
-    vc->freezeButton->click();
-    EXPECT_FALSE(vc->isFrozen);
-    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Freeze"));
-}
-
 TEST_F(EffectsTest, ShutterAlternatesEverySecondFreezeShiftsThePhaseAndStoppingLeavesItLive)
 {
     startCamera();

@@ -202,52 +202,6 @@ TEST(IntakeConversionTest, LargeFramesBecomePicturesNoLargerThanAsked)
     }
 }
 
-// A flat frame of one YUV value in `format` (I420 or YUY2), labelled `colorimetry`.
-SamplePtr flatFrame(const char *format, const char *colorimetry, guint8 luma, guint8 chroma)
-{
-    GstVideoInfo info;
-    gst_video_info_set_format(&info, gst_video_format_from_string(format), 16, 16);
-    gst_video_colorimetry_from_string(&GST_VIDEO_INFO_COLORIMETRY(&info), colorimetry);
-    GstBuffer *buffer = gst_buffer_new_allocate(nullptr, GST_VIDEO_INFO_SIZE(&info), nullptr);
-    GstVideoFrame frame;
-    gst_video_frame_map(&frame, &info, buffer, GST_MAP_WRITE);
-    if (GST_VIDEO_INFO_FORMAT(&info) == GST_VIDEO_FORMAT_YUY2) {
-        auto *bytes = static_cast<guint8 *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 0));
-        for (gsize i = 0; i < GST_VIDEO_INFO_SIZE(&info); ++i)
-            bytes[i] = i % 2 == 0 ? luma : chroma;
-    } else {
-        for (guint plane = 0; plane < GST_VIDEO_FRAME_N_PLANES(&frame); ++plane)
-            memset(GST_VIDEO_FRAME_PLANE_DATA(&frame, plane), plane == 0 ? luma : chroma,
-                   GST_VIDEO_FRAME_PLANE_STRIDE(&frame, plane) * GST_VIDEO_FRAME_COMP_HEIGHT(&frame, plane));
-    }
-    gst_video_frame_unmap(&frame);
-    GstCaps *caps = gst_video_info_to_caps(&info);
-    SamplePtr sample(gst_sample_new(buffer, caps, nullptr, nullptr), gst_sample_unref);
-    gst_caps_unref(caps);
-    gst_buffer_unref(buffer);
-    return sample;
-}
-
-// Luma 235 is the top of the limited range (white) but a light grey in full range, as
-// JPEG and some cameras send it.
-TEST(IntakeConversionTest, TheFramesRangeDecidesItsLevels)
-{
-    for (const char *format : {"I420", "YUY2"}) {
-        for (const auto &[colorimetry, level] : {std::pair{"bt601", 255}, std::pair{kFullRange601, 235}}) {
-            SCOPED_TRACE(testing::Message() << format << " " << colorimetry);
-            const SamplePtr frame = flatFrame(format, colorimetry, 235, 128);
-            Intake intake(gst_sample_get_caps(frame.get()));
-            const SamplePtr delivered = intake.deliver(frame);
-            ASSERT_TRUE(delivered);
-            const QImage picture = imageFromSample(delivered.get());
-            ASSERT_FALSE(picture.isNull());
-            EXPECT_NEAR(qRed(picture.pixel(8, 8)), level, 2);
-            EXPECT_NEAR(qGreen(picture.pixel(8, 8)), level, 2);
-            EXPECT_NEAR(qBlue(picture.pixel(8, 8)), level, 2);
-        }
-    }
-}
-
 // A camera already in the picture format is wrapped as it is; a camera that changes
 // size mid-stream gets pictures of the new size.
 TEST(IntakeConversionTest, PictureFormatPassesAndNewSizesAreFollowed)
