@@ -61,36 +61,5 @@ TEST_F(StreamingTest, CameraPicturesFlowAndFreezeHoldsThemByteIdentical)
     EXPECT_GE(distinct(again), 4u);
 }
 
-TEST_F(StreamingTest, StutterAlternatesHeldAndMovingPhasesEachSecond)
-{
-    vc->toggleShutter();
-    // Per 250 ms window: one distinct picture while held, more than one while moving.
-    std::vector<std::size_t> perWindow;
-    for (int window = 0; window < 12; ++window)
-        perWindow.push_back(distinct(framesDuring(250)));
-    vc->toggleShutter();
-
-    int held = 0;
-    int moving = 0;
-    for (std::size_t count : perWindow) {
-        held += count == 1 ? 1 : 0;
-        moving += count >= 2 ? 1 : 0;
-    }
-    EXPECT_GE(held, 3);
-    EXPECT_GE(moving, 3);
-}
-
-TEST_F(StreamingTest, NoFramesWhileTheCameraDoesNotAskForThem)
-{
-    sim.justAnswer = QStringLiteral("sc=0");
-    vc->pollStreamState();
-    QTest::qWait(100);
-    EXPECT_TRUE(framesDuring(600).empty());
-
-    sim.justAnswer = QStringLiteral("sc=1");
-    vc->pollStreamState();
-    EXPECT_GE(framesDuring(1000).size(), 8u);
-}
-
 } // namespace
 } // namespace vistrel
