@@ -47,12 +47,9 @@ protected:
             << "Xvfb did not start";
 
         // trayer gives up at once on a display that is not ready yet; start it again then.
-        const QStringList trayArguments = {QStringLiteral("--edge"),      QStringLiteral("top"),
-                                           QStringLiteral("--align"),     QStringLiteral("right"),
-                                           QStringLiteral("--widthtype"), QStringLiteral("pixel"),
-                                           QStringLiteral("--width"),     QStringLiteral("200"),
-                                           QStringLiteral("--height"),    QStringLiteral("32"),
-                                           QStringLiteral("--SetDockType"), QStringLiteral("true")};
+        const QStringList trayArguments =
+            QStringLiteral("--edge top --align right --widthtype pixel --width 200 --height 32 --SetDockType true")
+                .split(QLatin1Char(' '));
         ASSERT_TRUE(QTest::qWaitFor(
             [&] {
                 if (tray.state() == QProcess::NotRunning)
