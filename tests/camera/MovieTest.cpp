@@ -128,7 +128,10 @@ TEST_F(MovieSourceTest, UnplayableFilesReturnToTheCameraWithinATick)
         SCOPED_TRACE(path.toStdString());
         open(path);
         const std::shared_ptr<camera::PlayerItem> item = vc->playerItem;
-        ASSERT_TRUE(QTest::qWaitFor([&] { return item->status() == camera::PlayerItemStatus::Failed; }, 3000));
+        // How soon GStreamer gives up on the file is its own affair (fast here, seconds on a
+        // busy machine); what is checked is what follows.
+        ASSERT_TRUE(QTest::qWaitFor([&] { return item->status() == camera::PlayerItemStatus::Failed; }, 10000))
+            << "status " << static_cast<int>(item->status()) << ", playing " << vc->isPlayingVideo.load();
         // Failure seen: the next tick (1/24 s) stops, the stop itself is queued.
         EXPECT_TRUE(QTest::qWaitFor([&] { return !vc->isPlayingVideo.load(); }, 2 * 1000 / 24 + 20));
         EXPECT_FALSE(vc->player);
