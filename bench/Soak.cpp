@@ -7,6 +7,7 @@
 //   vistrel_soak [--seconds=60] [--interval=10] [--gate=closed|open]
 //                [--camera=none|WIDTHxHEIGHT] [--reader-ms=33]
 #include "SimulatedExtension.h"
+#include "TestHome.h"
 #include "TestServices.h"
 #include "app/MainWindowController.h"
 #include "bench/SyntheticCamera.h"
@@ -225,8 +226,7 @@ int main(int argc, char **argv)
     QTemporaryDir home(QDir::tempPath() + QStringLiteral("/vistrel-soak-home-XXXXXX"));
     if (!home.isValid())
         return 2;
-    qputenv("HOME", home.path().toUtf8());
-    qputenv("XDG_CONFIG_HOME", (home.path() + QStringLiteral("/.config")).toUtf8());
+    vistrel::test::useHome(home.path());
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
     gst_init(&argc, &argv);

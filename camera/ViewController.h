@@ -40,6 +40,7 @@ using ObjectID = std::uint32_t;
 } // namespace vcam
 namespace sysext {
 struct ExtensionRequestError;
+enum class RequestKind;
 }
 
 // The one controller of the main window. It owns every piece of per-window state:
@@ -89,6 +90,7 @@ public:
     // Camera extension.
     void requestActivation();
     void requestDeactivation();
+    void requestExtensionChange(sysext::RequestKind kind);
     void warnIfExtensionNotActivated();
 
 public Q_SLOTS:

@@ -22,20 +22,21 @@ void submit(ViewController *controller, sysext::ExtensionManager *manager, sysex
 
 void ViewController::requestActivation()
 {
-    const sysext::ExtensionBundle bundle = sysext::extensionBundle(m_services.bundle);
-    if (bundle.identifier.isEmpty())
-        return;
-    activating = true;
-    submit(this, m_services.extensionManager, sysext::RequestKind::Activation, bundle.identifier);
+    requestExtensionChange(sysext::RequestKind::Activation);
 }
 
 void ViewController::requestDeactivation()
 {
+    requestExtensionChange(sysext::RequestKind::Deactivation);
+}
+
+void ViewController::requestExtensionChange(sysext::RequestKind kind)
+{
     const sysext::ExtensionBundle bundle = sysext::extensionBundle(m_services.bundle);
     if (bundle.identifier.isEmpty())
         return;
-    activating = false;
-    submit(this, m_services.extensionManager, sysext::RequestKind::Deactivation, bundle.identifier);
+    activating = kind == sysext::RequestKind::Activation;
+    submit(this, m_services.extensionManager, kind, bundle.identifier);
 }
 
 void ViewController::activate(QObject *)

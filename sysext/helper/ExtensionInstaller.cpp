@@ -307,17 +307,24 @@ Outcome ExtensionInstaller::loadIntoRunningKernel(const BundledExtension &bundle
     return Outcome::completed();
 }
 
+bool ExtensionInstaller::prepareInstalledFiles(const std::string &identifier, BundledExtension &bundled,
+                                               std::string &fileName, Outcome &failure) const
+{
+    if (!loadBundled(identifier, bundled, failure))
+        return false;
+    fileName = files::installedFileName(identifier);
+    removeLeftoverTemporaries(m_paths.modprobeDir, fileName);
+    removeLeftoverTemporaries(m_paths.modulesLoadDir, fileName);
+    return installedFileIsOurs(m_paths.modprobeDir, identifier, failure)
+           && installedFileIsOurs(m_paths.modulesLoadDir, identifier, failure);
+}
+
 Outcome ExtensionInstaller::activate(const std::string &identifier)
 {
     BundledExtension bundled;
+    std::string fileName;
     Outcome failure;
-    if (!loadBundled(identifier, bundled, failure))
-        return failure;
-    const std::string fileName = files::installedFileName(identifier);
-    removeLeftoverTemporaries(m_paths.modprobeDir, fileName);
-    removeLeftoverTemporaries(m_paths.modulesLoadDir, fileName);
-    if (!installedFileIsOurs(m_paths.modprobeDir, identifier, failure)
-        || !installedFileIsOurs(m_paths.modulesLoadDir, identifier, failure))
+    if (!prepareInstalledFiles(identifier, bundled, fileName, failure))
         return failure;
 
     const ModuleState state = moduleState();
@@ -337,14 +344,9 @@ Outcome ExtensionInstaller::activate(const std::string &identifier)
 Outcome ExtensionInstaller::deactivate(const std::string &identifier)
 {
     BundledExtension bundled;
+    std::string fileName;
     Outcome failure;
-    if (!loadBundled(identifier, bundled, failure))
-        return failure;
-    const std::string fileName = files::installedFileName(identifier);
-    removeLeftoverTemporaries(m_paths.modprobeDir, fileName);
-    removeLeftoverTemporaries(m_paths.modulesLoadDir, fileName);
-    if (!installedFileIsOurs(m_paths.modprobeDir, identifier, failure)
-        || !installedFileIsOurs(m_paths.modulesLoadDir, identifier, failure))
+    if (!prepareInstalledFiles(identifier, bundled, fileName, failure))
         return failure;
 
     std::string error;

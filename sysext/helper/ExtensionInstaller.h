@@ -78,6 +78,10 @@ private:
     };
     bool loadBundled(const std::string &identifier, BundledExtension &bundled, Outcome &failure) const;
     bool installedFileIsOurs(const std::string &dir, const std::string &identifier, Outcome &failure) const;
+    // Both verbs start here: the bundle, leftovers of an interrupted write cleared, and
+    // the installed files (if any) checked to be ours. Answers their file name.
+    bool prepareInstalledFiles(const std::string &identifier, BundledExtension &bundled, std::string &fileName,
+                               Outcome &failure) const;
     Outcome loadIntoRunningKernel(const BundledExtension &bundled, const ModuleState &state);
     Outcome loadModule();
     std::string moduleVersionFromModinfo() const;

@@ -8,6 +8,14 @@ namespace vistrel::test {
 // The temporary HOME that the test main set up for this process.
 inline QString home() { return QDir::homePath(); }
 
+// Points HOME and XDG_CONFIG_HOME at `path`, so that settings and the trace file never
+// touch the user's.
+inline void useHome(const QString &path)
+{
+    qputenv("HOME", path.toUtf8());
+    qputenv("XDG_CONFIG_HOME", (path + QStringLiteral("/.config")).toUtf8());
+}
+
 inline QByteArray readFile(const QString &path)
 {
     QFile file(path);

@@ -1,6 +1,8 @@
 // Test entry point: every test process runs with its own temporary HOME and
 // XDG_CONFIG_HOME (so settings and the trace file never touch the real ones),
 // Qt's offscreen platform and an initialised GStreamer.
+#include "TestHome.h"
+
 #include <QApplication>
 #include <QTemporaryDir>
 #include <gmock/gmock.h>
@@ -14,8 +16,7 @@ int main(int argc, char **argv)
     QTemporaryDir home(QDir::tempPath() + QStringLiteral("/vistrel-test-home-XXXXXX"));
     if (!home.isValid())
         return 2;
-    qputenv("HOME", home.path().toUtf8());
-    qputenv("XDG_CONFIG_HOME", (home.path() + QStringLiteral("/.config")).toUtf8());
+    vistrel::test::useHome(home.path());
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
 
