@@ -151,23 +151,6 @@ TEST_F(StatusItemTest, LosingActivationHidesTheWindowAndTheCausingClickIsIgnored
     EXPECT_FALSE(shown());
 }
 
-TEST_F(StatusItemTest, OnlyTheMainWindowResigningKeyHidesIt)
-{
-    click();
-    settle();
-    const double stampBefore = delegate->popupHideTimestamp;
-    QWidget other;
-    delegate->windowDidResignKey(&other);
-    delegate->windowDidResignKey(nullptr);
-    EXPECT_TRUE(shown());
-    EXPECT_EQ(delegate->popupHideTimestamp, stampBefore);
-
-    // An already hidden window resigning key stamps nothing.
-    window->hide();
-    delegate->windowDidResignKey(window);
-    EXPECT_EQ(delegate->popupHideTimestamp, stampBefore);
-}
-
 TEST_F(StatusItemTest, ResetOnboardingClearsOnlyTheCompletionFlag)
 {
     env.defaults->setBool(QStringLiteral("onboardingComplete"), true);
@@ -279,23 +262,6 @@ TEST_F(MainInterfaceTest, FooterButtonsHideExitAndReset)
     window->show();
     button("hideButton")->click();
     EXPECT_FALSE(window->isVisible());
-}
-
-TEST_F(MainInterfaceTest, ToggleWindowShowsAndHidesWithoutPlacingOrStamping)
-{
-    window->move(123, 45);
-    vc->toggleWindow();
-    EXPECT_TRUE(window->isVisible());
-    EXPECT_EQ(window->pos(), QPoint(123, 45));
-    EXPECT_EQ(env.application.activateCalls, 1);
-    vc->toggleWindow();
-    EXPECT_FALSE(window->isVisible());
-    EXPECT_EQ(delegate->popupHideTimestamp, std::numeric_limits<double>::lowest());
-
-    test::ConsoleCapture console;
-    vc->window = nullptr;
-    vc->toggleWindow();
-    EXPECT_EQ(console.lines(), QStringList{QStringLiteral("Erreur : Fenêtre principale non trouvée!")});
 }
 
 TEST_F(MainInterfaceTest, MainWindowShownRunsTheDeferredStartOnceAndStopsObserving)
