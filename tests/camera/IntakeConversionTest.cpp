@@ -180,7 +180,7 @@ TEST(IntakeConversionTest, LargeFramesBecomePicturesNoLargerThanAsked)
                                 {"NV21", "bt601"}, {"I420", "bt601"},       {"YV12", "bt601"}, {"Y42B", "bt601"},
                                 {"Y444", kFullRange601}, {"I420", "bt709"}};
     const QSize largest(160, 90);
-    for (const QSize size : {QSize(480, 270), QSize(320, 60), QSize(150, 200), QSize(100, 80)}) {
+    for (const QSize size : {QSize(240, 135), QSize(480, 270), QSize(320, 60), QSize(150, 200), QSize(100, 80)}) {
         const QImage picture = gradient(size.width(), size.height());
         const QSize expected = size.boundedTo(largest);
         for (const auto &[format, colorimetry] : layouts) {
