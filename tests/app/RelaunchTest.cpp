@@ -1,7 +1,6 @@
 #include "app/AppDelegate.h"
 #include "app/LinuxPlatform.h"
 #include "app/TraceLog.h"
-#include "onboarding/OnboardingManager.h"
 
 #include "TestHome.h"
 #include "TestServices.h"
@@ -20,6 +19,8 @@ protected:
     {
         QFile::remove(traceLogPath());
         env.application.onTerminate = [this] { delegate.applicationWillTerminate(); };
+        env.defaults->setBool(QStringLiteral("onboardingComplete"), true); // what Finish stores first
+        delegate.onboardingInProgress = true;
     }
     bool onboardingComplete() { return env.defaults->boolForKey(QStringLiteral("onboardingComplete")); }
     QString trace() { return QString::fromUtf8(test::readFile(traceLogPath())); }
@@ -30,53 +31,35 @@ protected:
 
 } // namespace
 
-TEST_F(RelaunchTest, RestartStartsTheInstalledExecutableAloneThenQuits)
+TEST_F(RelaunchTest, CompletingOnboardingTracesThenStartsTheExecutableAloneAndQuitsKeepingTheFlag)
 {
-    delegate.restartApp();
-    ASSERT_EQ(env.launcher.programs, QStringList{QStringLiteral("/opt/vistrel/bin/vistrel")});
-    EXPECT_TRUE(env.launcher.argumentLists.first().isEmpty());
-    EXPECT_EQ(env.application.terminateCalls, 1);
-    EXPECT_FALSE(trace().contains(QStringLiteral("restartApp failed")));
-}
-
-TEST_F(RelaunchTest, AFailedLaunchLeavesOneLineAndTheAppRunning)
-{
-    env.launcher.succeed = false;
-    env.launcher.failure = QStringLiteral("Process failed to start: No such file or directory");
-    delegate.onboardingInProgress = true;
-    delegate.restartApp();
-    EXPECT_EQ(env.application.terminateCalls, 0);
-    EXPECT_EQ(trace().count(QStringLiteral("restartApp failed: ")), 1);
-    EXPECT_TRUE(trace().contains(QStringLiteral("] restartApp failed: Process failed to start: No such file or directory\n")));
-    EXPECT_TRUE(delegate.onboardingInProgress) << "state is left as it was";
-}
-
-TEST_F(RelaunchTest, QuittingDuringOnboardingForgetsCompletionOnTheMainPathKeepsIt)
-{
-    env.defaults->setBool(QStringLiteral("onboardingComplete"), true);
-    delegate.onboardingInProgress = true;
-    env.application.terminate();
-    EXPECT_FALSE(onboardingComplete());
-    EXPECT_TRUE(env.defaults->hasKey(QStringLiteral("onboardingComplete")));
-
-    for (const bool stored : {true, false}) {
-        env.defaults->setBool(QStringLiteral("onboardingComplete"), stored);
-        delegate.onboardingInProgress = false;
-        env.application.terminate();
-        EXPECT_EQ(onboardingComplete(), stored);
-    }
-}
-
-TEST_F(RelaunchTest, CompletingOnboardingTracesThenRelaunchesKeepingTheFlag)
-{
-    delegate.onboardingInProgress = true;
-    env.defaults->setBool(QStringLiteral("onboardingComplete"), true); // what Finish stores first
     delegate.onboardingCompleted();
     EXPECT_FALSE(delegate.onboardingInProgress);
     EXPECT_TRUE(trace().endsWith(QStringLiteral("] onboarding completed — restarting app\n")));
-    EXPECT_EQ(env.launcher.programs.size(), 1);
+    ASSERT_EQ(env.launcher.programs, QStringList{QStringLiteral("/opt/vistrel/bin/vistrel")});
+    EXPECT_TRUE(env.launcher.argumentLists.first().isEmpty());
     EXPECT_EQ(env.application.terminateCalls, 1);
     EXPECT_TRUE(onboardingComplete()) << "the will-terminate handler must not undo a finished onboarding";
+}
+
+TEST_F(RelaunchTest, AFailedRelaunchKeepsTheAppRunningAndQuittingDuringOnboardingForgetsCompletion)
+{
+    env.launcher.succeed = false;
+    env.launcher.failure = QStringLiteral("Process failed to start: No such file or directory");
+    delegate.restartApp();
+    EXPECT_EQ(env.application.terminateCalls, 0);
+    EXPECT_EQ(trace().count(QStringLiteral("restartApp failed: ")), 1);
+    EXPECT_TRUE(trace().endsWith(QStringLiteral("] restartApp failed: Process failed to start: No such file or directory\n")));
+    EXPECT_TRUE(delegate.onboardingInProgress) << "state is left as it was";
+
+    // Quitting while onboarding is shown stores "not complete"; on the main path it keeps the flag.
+    env.application.terminate();
+    EXPECT_FALSE(onboardingComplete());
+    EXPECT_TRUE(env.defaults->hasKey(QStringLiteral("onboardingComplete")));
+    env.defaults->setBool(QStringLiteral("onboardingComplete"), true);
+    delegate.onboardingInProgress = false;
+    env.application.terminate();
+    EXPECT_TRUE(onboardingComplete());
 }
 
 TEST(ProcessLauncher, StartsARealDetachedChildAndReportsAFailure)

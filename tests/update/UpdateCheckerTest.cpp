@@ -18,38 +18,26 @@ using namespace std::chrono_literals;
 
 namespace {
 
-const QByteArray kFeed120 =
-    R"({"latestShortVersion":"1.2.0","latestBuild":120,"downloadURL":"https://vistrel.app/download"})";
-const QByteArray kFeed121 =
-    R"({"latestShortVersion":"1.2.1","latestBuild":121,"downloadURL":"https://vistrel.app/download"})";
-const QString kDefaultText =
-    QStringLiteral("A newer version of Vistrel is available. Download it to get the latest features and fixes.");
+// A feed offering build 120 ("1.2.0"), with `extra` JSON members appended.
+QByteArray feed(const char *extra = "", const char *build = "120", const char *version = "1.2.0")
+{
+    return QByteArray(R"({"latestShortVersion":")") + version + R"(","latestBuild":)" + build
+           + R"(,"downloadURL":"https://vistrel.app/download")" + extra + "}";
+}
 
 class UpdateCheckerTest : public ::testing::Test
 {
 protected:
-    // Fetches once and answers the outcome; fails the test if no answer came.
-    std::optional<LatestResponse> fetch()
+    // One launch's check with the given own build number; it must return before the answer.
+    void check(const char *build, UpdateChecker *by = nullptr)
     {
-        bool answered = false;
-        std::optional<LatestResponse> result;
-        checker.fetchLatest(nullptr, [&](std::optional<LatestResponse> response) {
-            answered = true;
-            result = std::move(response);
-        });
-        EXPECT_TRUE(QTest::qWaitFor([&] { return answered; }, 5000));
-        return result;
-    }
-
-    // One launch's check with the given own build number.
-    void check(const char *build)
-    {
+        by = by ? by : &checker;
         env.services.bundle.infoDictionary.insert(QStringLiteral("CFBundleVersion"), QString::fromLatin1(build));
-        QSignalSpy finished(&checker, &UpdateChecker::checkFinished);
-        checker.checkForUpdates(env.services);
+        QSignalSpy finished(by, &UpdateChecker::checkFinished);
+        by->checkForUpdates(env.services);
+        EXPECT_TRUE(finished.isEmpty()) << "the check blocked its caller";
         ASSERT_TRUE(finished.wait(5000));
     }
-
     qint64 dismissed() const { return env.defaults->integerForKey(QStringLiteral("updateCheckerDismissedBuild")); }
 
     test::LoopbackHttpServer server;
@@ -58,26 +46,25 @@ protected:
     test::SystemLogCapture log;
 };
 
+const QString kFetchFailed = QStringLiteral("update check: fetch failed or no response");
+
 } // namespace
 
-TEST_F(UpdateCheckerTest, OnlyStatus200WithAValidBodyCounts)
+TEST_F(UpdateCheckerTest, OnlyStatus200WithAWholeRecordCountsAndEachFailureIsOneLogLine)
 {
-    server.body = kFeed120;
-    for (int status : {204, 304, 404, 500}) {
-        SCOPED_TRACE(status);
-        server.status = status;
-        EXPECT_FALSE(fetch().has_value());
+    const struct { int status; QByteArray body; } failures[] = {
+        {204, feed()}, {304, feed()}, {404, feed()}, {500, feed()},
+        {200, "not json"}, {200, R"({"latestBuild":120})"}, {200, feed("", "120.5")},
+    };
+    for (const auto &failure : failures) {
+        server.status = failure.status;
+        server.body = failure.body;
+        check("1");
     }
-    server.status = 200;
-    const auto response = fetch();
-    ASSERT_TRUE(response.has_value());
-    EXPECT_EQ(response->latestBuild, 120);
-    for (const QByteArray &bad : {QByteArray(), QByteArray("not json"), QByteArray(R"({"latestBuild":120})")}) {
-        server.body = bad;
-        EXPECT_FALSE(fetch().has_value());
-    }
+    EXPECT_TRUE(env.alerts.shown.isEmpty());
+    EXPECT_EQ(log.lines(), QStringList(7, kFetchFailed));
     // Every request asked for the feed itself, past any cache on the way.
-    ASSERT_EQ(server.requests.size(), 8);
+    ASSERT_EQ(server.requests.size(), 7);
     for (const QByteArray &request : server.requests) {
         EXPECT_TRUE(request.startsWith("GET /updates/latest.json HTTP/1.1\r\n"));
         EXPECT_TRUE(request.toLower().contains("cache-control: no-cache")) << request.constData();
@@ -92,81 +79,68 @@ TEST_F(UpdateCheckerTest, SilentServerTimesOutWithoutBlockingTheEventLoop)
     QTimer ticker;
     QObject::connect(&ticker, &QTimer::timeout, [&] { ++ticks; });
     ticker.start(20);
-
     QElapsedTimer elapsed;
     elapsed.start();
-    bool answered = false;
-    std::optional<LatestResponse> result = LatestResponse{};
-    impatient.fetchLatest(nullptr, [&](std::optional<LatestResponse> r) {
-        answered = true;
-        result = r;
-    });
-    EXPECT_FALSE(answered); // the request is in flight, the call returned
-    ASSERT_TRUE(QTest::qWaitFor([&] { return answered; }, 5000));
-    EXPECT_FALSE(result.has_value());
+    check("1", &impatient);
     EXPECT_GE(elapsed.elapsed(), 350);
     EXPECT_LT(elapsed.elapsed(), 3000);
-    EXPECT_EQ(server.requests.size(), 1);
-    // The loop kept turning while the server said nothing.
-    EXPECT_GE(ticks, 10);
+    EXPECT_GE(ticks, 10) << "the loop stopped turning while the server said nothing";
+    EXPECT_EQ(log.lines(), QStringList{kFetchFailed});
 }
 
-TEST_F(UpdateCheckerTest, SameBuildShowsNothingAndLogsZeroMinimum)
+TEST_F(UpdateCheckerTest, OptionalUpdateDownloadIsForgottenLaterRememberedUntilALargerBuild)
 {
-    server.body = kFeed120;
+    server.body = feed();
     check("120");
     EXPECT_TRUE(env.alerts.shown.isEmpty());
     EXPECT_EQ(log.lines(), QStringList{QStringLiteral("update check: current=120 latest=120 min=0")});
-}
 
-TEST_F(UpdateCheckerTest, LaterIsRememberedUntilALargerBuildAppears)
-{
-    server.body = kFeed120;
-    env.alerts.answers = {1}; // "Later"
+    env.alerts.answers = {0, 1}; // "Download", then "Later" on the next launch
     check("119");
     ASSERT_EQ(env.alerts.shown.size(), 1);
     const AlertSpec offer = env.alerts.shown.first();
     EXPECT_EQ(offer.title, QStringLiteral("Vistrel 1.2.0 is available"));
-    EXPECT_EQ(offer.text, kDefaultText);
+    EXPECT_EQ(offer.text, QStringLiteral("A newer version of Vistrel is available. Download it to get the latest features and fixes."));
     EXPECT_EQ(offer.style, AlertStyle::Informational);
     EXPECT_EQ(offer.buttons, (QStringList{QStringLiteral("Download"), QStringLiteral("Later")}));
-    EXPECT_EQ(dismissed(), 120);
-    EXPECT_TRUE(env.urlOpener.opened.isEmpty());
-
-    check("119"); // next launch, same feed
-    EXPECT_EQ(env.alerts.shown.size(), 1);
-
-    server.body = kFeed121;
-    env.alerts.answers = {-1}; // closed without a button counts as "Later"
-    check("119");
-    ASSERT_EQ(env.alerts.shown.size(), 2);
-    EXPECT_EQ(env.alerts.shown.last().title, QStringLiteral("Vistrel 1.2.1 is available"));
-    EXPECT_EQ(dismissed(), 121);
-}
-
-TEST_F(UpdateCheckerTest, DownloadOpensThePageAndStoresNothing)
-{
-    server.body = kFeed120;
-    env.alerts.answers = {0};
-    check("119");
     EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{QUrl(QStringLiteral("https://vistrel.app/download"))});
     EXPECT_FALSE(env.defaults->hasKey(QStringLiteral("updateCheckerDismissedBuild")));
-    EXPECT_EQ(env.application.terminateCalls, 0);
 
-    env.alerts.answers = {0};
+    check("119"); // nothing remembered: offered again
+    ASSERT_EQ(env.alerts.shown.size(), 2);
+    EXPECT_EQ(dismissed(), 120);
+    EXPECT_EQ(env.urlOpener.opened.size(), 1);
     check("119");
     EXPECT_EQ(env.alerts.shown.size(), 2);
-    EXPECT_EQ(env.urlOpener.opened.size(), 2);
+
+    // Release notes, even empty ones, replace the default text.
+    server.body = feed(R"(,"releaseNotes":"Stutter is smoother.","releaseNotesURL":"https://vistrel.app/notes")", "121", "1.2.1");
+    env.alerts.answers = {-1}; // closed without a button counts as "Later"
+    check("119");
+    ASSERT_EQ(env.alerts.shown.size(), 3);
+    EXPECT_EQ(env.alerts.shown.last().title, QStringLiteral("Vistrel 1.2.1 is available"));
+    EXPECT_EQ(env.alerts.shown.last().text, QStringLiteral("Stutter is smoother."));
+    EXPECT_EQ(dismissed(), 121);
+    server.body = feed(R"(,"releaseNotes":"")", "122");
+    check("119");
+    ASSERT_EQ(env.alerts.shown.size(), 4);
+    EXPECT_EQ(env.alerts.shown.last().text, QString());
+    EXPECT_EQ(env.application.terminateCalls, 0);
 }
 
-TEST_F(UpdateCheckerTest, BelowMinimumRequiresTheUpdateAndQuitsWhateverIsPressed)
+TEST_F(UpdateCheckerTest, BelowTheMinimumTheUpdateIsRequiredAndTheAppQuitsWhateverIsPressed)
 {
-    server.body = R"({"latestShortVersion":"1.2.0","latestBuild":120,"minimumBuild":110,"downloadURL":"https://vistrel.app/download"})";
-    env.defaults->setInteger(QStringLiteral("updateCheckerDismissedBuild"), 500);
-    env.alerts.answers = {1, 0}; // "Quit", then "Download" on the next launch
-    check("100");
+    server.body = feed(R"(,"minimumBuild":110)");
+    env.alerts.answers = {1, 1, 0}; // "Later" at the minimum, then "Quit", then "Download"
+    check("110"); // at the minimum the optional rule applies
     ASSERT_EQ(env.alerts.shown.size(), 1);
-    const AlertSpec required = env.alerts.shown.first();
+    EXPECT_EQ(env.alerts.shown.first().title, QStringLiteral("Vistrel 1.2.0 is available"));
+    EXPECT_EQ(env.application.terminateCalls, 0);
+    ASSERT_EQ(dismissed(), 120);
+
+    check("100"); // a dismissed build is required all the same
+    ASSERT_EQ(env.alerts.shown.size(), 2);
+    const AlertSpec required = env.alerts.shown.last();
     EXPECT_EQ(required.title, QStringLiteral("Update required"));
     EXPECT_EQ(required.text,
               QStringLiteral("This version of Vistrel is no longer supported. Please install Vistrel 1.2.0 to continue."));
@@ -176,57 +150,17 @@ TEST_F(UpdateCheckerTest, BelowMinimumRequiresTheUpdateAndQuitsWhateverIsPressed
     EXPECT_TRUE(env.urlOpener.opened.isEmpty());
     EXPECT_EQ(log.lines().last(), QStringLiteral("update check: current=100 latest=120 min=110"));
 
-    check("100");
+    check("1.1"); // an unreadable own build counts as 0
+    EXPECT_EQ(env.alerts.shown.last().title, QStringLiteral("Update required"));
     EXPECT_EQ(env.application.terminateCalls, 2);
     EXPECT_EQ(env.urlOpener.opened.size(), 1);
-    EXPECT_EQ(dismissed(), 500);
+    EXPECT_EQ(dismissed(), 120);
 
     // An unusable download address does nothing, and the app still quits.
     server.body = R"({"latestShortVersion":"1.2.0","latestBuild":120,"minimumBuild":110,"downloadURL":"http://[bad"})";
-    env.alerts.answers = {0};
     check("100");
     EXPECT_EQ(env.urlOpener.opened.size(), 1);
     EXPECT_EQ(env.application.terminateCalls, 3);
-}
-
-TEST_F(UpdateCheckerTest, AtTheMinimumTheOptionalRuleApplies)
-{
-    server.body = R"({"latestShortVersion":"1.2.0","latestBuild":120,"minimumBuild":110,"downloadURL":"https://x"})";
-    env.alerts.answers = {1};
-    check("110");
-    ASSERT_EQ(env.alerts.shown.size(), 1);
-    EXPECT_EQ(env.alerts.shown.first().title, QStringLiteral("Vistrel 1.2.0 is available"));
-    EXPECT_EQ(env.application.terminateCalls, 0);
-
-    // An unreadable own build counts as 0, so any minimum forces the update.
-    check("1.1");
-    EXPECT_EQ(env.alerts.shown.last().title, QStringLiteral("Update required"));
-}
-
-TEST_F(UpdateCheckerTest, ReleaseNotesReplaceTheDefaultText)
-{
-    server.body = R"({"latestShortVersion":"1.2.0","latestBuild":120,"downloadURL":"https://x",
-                      "releaseNotes":"Stutter is smoother.","releaseNotesURL":"https://vistrel.app/notes"})";
-    env.alerts.answers = {0, 0};
-    check("119");
-    ASSERT_EQ(env.alerts.shown.size(), 1);
-    EXPECT_EQ(env.alerts.shown.first().text, QStringLiteral("Stutter is smoother."));
-
-    server.body = R"({"latestShortVersion":"1.2.0","latestBuild":120,"downloadURL":"https://x","releaseNotes":""})";
-    check("119");
-    EXPECT_EQ(env.alerts.shown.last().text, QString());
-}
-
-TEST_F(UpdateCheckerTest, FailuresAreOneLogLineAndNoAlert)
-{
-    server.status = 304;
-    server.body = kFeed120;
-    check("1");
-    server.status = 200;
-    server.body = R"({"latestShortVersion":"1.2.0","latestBuild":120.5,"downloadURL":"https://x"})";
-    check("1");
-    EXPECT_TRUE(env.alerts.shown.isEmpty());
-    EXPECT_EQ(log.lines(), QStringList(2, QStringLiteral("update check: fetch failed or no response")));
 }
 
 // Launch runs exactly one check on the main-window path, against the feed named by
@@ -234,10 +168,9 @@ TEST_F(UpdateCheckerTest, FailuresAreOneLogLineAndNoAlert)
 TEST_F(UpdateCheckerTest, LaunchChecksOnceOnTheMainWindowPathOnly)
 {
     qputenv("VISTREL_UPDATE_URL", server.url().toString().toUtf8());
-    server.body = kFeed120;
+    server.body = feed();
     QTemporaryDir emptyShare; // no interface file: the fallback window stands in
     env.services.bundle.shareDir = emptyShare.path();
-
     {
         AppDelegate onboarding(env.services);
         onboarding.applicationDidFinishLaunching();
@@ -253,6 +186,5 @@ TEST_F(UpdateCheckerTest, LaunchChecksOnceOnTheMainWindowPathOnly)
     EXPECT_TRUE(server.requests.isEmpty() && finished.isEmpty()); // launch did not wait
     ASSERT_TRUE(finished.wait(5000));
     EXPECT_EQ(server.requests.size(), 1);
-    EXPECT_EQ(UpdateChecker::shared().latestURL, server.url());
     qDeleteAll(QApplication::topLevelWidgets());
 }
