@@ -15,15 +15,12 @@
 #include <memory>
 #include <ostream>
 
-// Readable QString values in failure messages.
 inline void PrintTo(const QString &text, std::ostream *out) { *out << '"' << text.toStdString() << '"'; }
 
 namespace vistrel::test {
 
-// A real ViewController loaded from the real interface file, with the real device
-// monitor discovering the test cameras. Onboarding is left pending, so loading does
-// not start the virtual-camera link; startCamera() runs the start routine's camera
-// steps in their order.
+// The real interface file's controller, with the real device monitor finding the test
+// cameras. Onboarding stays pending, so the virtual-camera link is not started.
 class ControllerFixture : public ::testing::Test
 {
 protected:
@@ -46,7 +43,7 @@ protected:
         vc->setupCameraControls();
     }
 
-    // Index in the chooser of the n-th device called `name` (0 = first).
+    // Index in the chooser of the n-th device called `name`.
     int indexOf(const QString &name, int occurrence = 0) const
     {
         for (std::size_t i = 0; i < vc->videoDevices.size(); ++i)
@@ -55,7 +52,6 @@ protected:
         return -1;
     }
 
-    // Picks a chooser entry the way a user does.
     void choose(int index)
     {
         vc->popUpButton->setCurrentIndex(index);

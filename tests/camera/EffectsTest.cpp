@@ -14,9 +14,8 @@ TEST_F(EffectsTest, ShutterAlternatesEverySecondFreezeShiftsThePhaseAndStoppingL
 
     vc->shutterButton->click();
     EXPECT_EQ(vc->shutterButton->text(), QStringLiteral("Stop"));
-    EXPECT_FALSE(vc->isFrozen) << "the first switch comes one second later";
     QTest::qWait(700);
-    EXPECT_FALSE(vc->isFrozen);
+    EXPECT_FALSE(vc->isFrozen) << "the first switch comes one second later";
     EXPECT_TRUE(QTest::qWaitFor([&] { return vc->isFrozen.load(); }, 600));
 
     // Freeze while the shutter runs inverts the current phase.
@@ -29,23 +28,18 @@ TEST_F(EffectsTest, ShutterAlternatesEverySecondFreezeShiftsThePhaseAndStoppingL
     vc->shutterButton->click();
     EXPECT_FALSE(vc->isFrozen);
     EXPECT_EQ(vc->shutterButton->text(), QStringLiteral("Stutter"));
-    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Freeze"));
     QTest::qWait(1200);
     EXPECT_FALSE(vc->isFrozen);
-
     EXPECT_EQ(console.lines(), (QStringList{QStringLiteral("Shutter activé : effet freeze toutes les 1s"),
                                             QStringLiteral("Shutter désactivé")}));
-}
 
-TEST_F(EffectsTest, StoppingTheShutterKeepsTheFreezeButtonsLastTitle)
-{
-    startCamera();
-    vc->freezeButton->click(); // frozen, "Unfreeze"
+    // Frozen by the button, a shutter started and stopped leaves it live with the button's last title.
+    vc->freezeButton->click();
+    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Unfreeze"));
     vc->shutterButton->click();
     vc->shutterButton->click();
     EXPECT_FALSE(vc->isFrozen);
     EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Unfreeze"));
-    EXPECT_EQ(vc->shutterButton->text(), QStringLiteral("Stutter"));
 }
 
 } // namespace

@@ -11,24 +11,19 @@
 namespace vistrel::test {
 namespace {
 
+const QStringList kH264 = {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "6"};
+
 class MovieSourceTest : public ControllerFixture
 {
 protected:
     static void SetUpTestSuite() { s_movies = new QTemporaryDir; }
-    static void TearDownTestSuite()
-    {
-        delete s_movies;
-        s_movies = nullptr;
-    }
+    static void TearDownTestSuite() { delete s_movies; }
 
-    static QString movie(const QString &name, const QStringList &codec, double secondsPerColour = 0.5)
+    static QString movie(const QString &name, const QStringList &codec = kH264)
     {
         const QString path = QDir(s_movies->path()).filePath(name);
-        if (QFile::exists(path))
-            return path;
-        return ColourMovies::make(s_movies->path(), name, codec, secondsPerColour);
+        return QFile::exists(path) ? path : ColourMovies::make(s_movies->path(), name, codec, 0.5);
     }
-    static QStringList h264() { return {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "6"}; }
 
     void SetUp() override
     {
@@ -38,9 +33,10 @@ protected:
         ASSERT_TRUE(waitForColour(QStringLiteral("red")));
     }
 
-    // Opens the file through the window's "Open Movie…" button and the file chooser.
+    // Through the window's "Open Movie…" button and the file chooser.
     void open(const QString &path)
     {
+        ASSERT_FALSE(path.isEmpty()) << "ffmpeg could not make the movie";
         dialogs.answer = path;
         const auto previous = vc->playerItem;
         window->findChild<QPushButton *>(QStringLiteral("openVideoButton"))->click();
@@ -48,8 +44,7 @@ protected:
         EXPECT_TRUE(vc->isPlayingVideo);
     }
 
-    // The movie colours seen, one entry per run of equal pictures, until `count` runs
-    // were seen or the time is up.
+    // The movie colours seen, one per run of equal pictures, until `count` runs or the time is up.
     QStringList watchMovieColours(int count, int timeoutMs)
     {
         QStringList runs;
@@ -60,78 +55,47 @@ protected:
                 runs << colour;
         });
         sampler.start(5);
-        QTest::qWaitFor([&] { return runs.size() >= count; }, timeoutMs);
+        (void)QTest::qWaitFor([&] { return runs.size() >= count; }, timeoutMs);
         return runs;
     }
 
-    static QTemporaryDir *s_movies;
+    static inline QTemporaryDir *s_movies = nullptr;
 };
 
-QTemporaryDir *MovieSourceTest::s_movies = nullptr;
-
-struct Format
+TEST_F(MovieSourceTest, PlaysForwardsThenBackwardsInEachContainer)
 {
-    const char *file;
-    QStringList codec;
-};
-
-void PrintTo(const Format &format, std::ostream *out) { *out << format.file; }
-
-class PlaysForwardsThenBackwards : public MovieSourceTest, public ::testing::WithParamInterface<Format>
-{
-};
-
-TEST_P(PlaysForwardsThenBackwards, TurningAtEachEnd)
-{
-    const QString path = movie(QString::fromLatin1(GetParam().file), GetParam().codec);
-    ASSERT_FALSE(path.isEmpty()) << "ffmpeg could not make the movie";
-    open(path);
-    EXPECT_TRUE(vc->stopVideoBtn->isEnabled());
-
-    const QStringList seen = watchMovieColours(6, 6000);
-    EXPECT_EQ(seen, (QStringList{"yellow", "magenta", "cyan", "magenta", "yellow", "magenta"}));
-    EXPECT_TRUE(vc->isPlayingVideo);
+    const std::pair<const char *, QStringList> files[] = {
+        {"h264.mp4", kH264}, {"mpeg4.avi", {"-c:v", "mpeg4", "-q:v", "3", "-g", "6"}}, {"h264.mkv", kH264}};
+    for (const auto &[file, codec] : files) {
+        SCOPED_TRACE(file);
+        open(movie(QString::fromLatin1(file), codec));
+        EXPECT_EQ(watchMovieColours(6, 6000), (QStringList{"yellow", "magenta", "cyan", "magenta", "yellow", "magenta"}));
+        EXPECT_TRUE(vc->isPlayingVideo);
+        vc->stopVideoBtn->click();
+        ASSERT_TRUE(waitForColour(QStringLiteral("red")));
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Containers, PlaysForwardsThenBackwards,
-    ::testing::Values(Format{"h264.mov", {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "6"}},
-                      Format{"h264.mp4", {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "6"}},
-                      Format{"mpeg4.avi", {"-c:v", "mpeg4", "-q:v", "3", "-g", "6"}},
-                      Format{"h264.mkv", {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "6"}}),
-    [](const auto &info) {
-        std::string name = info.param.file;
-        std::replace(name.begin(), name.end(), '.', '_');
-        return name;
-    });
 
 TEST_F(MovieSourceTest, UnplayableFilesReturnToTheCameraWithinATick)
 {
-    // A movie cut in half (its index, written last, is gone) and a text file that only
-    // has a movie's name.
-    const QString whole = movie(QStringLiteral("whole.mp4"), h264());
-    QFile source(whole);
-    ASSERT_TRUE(source.open(QIODevice::ReadOnly));
-    const QByteArray bytes = source.readAll();
-    const QString truncated = QDir(s_movies->path()).filePath(QStringLiteral("truncated.mp4"));
-    QFile cut(truncated);
-    ASSERT_TRUE(cut.open(QIODevice::WriteOnly));
-    cut.write(bytes.left(bytes.size() / 2));
-    cut.close();
-    const QString text = QDir(s_movies->path()).filePath(QStringLiteral("notes.mp4"));
-    QFile notes(text);
-    ASSERT_TRUE(notes.open(QIODevice::WriteOnly));
-    notes.write("These are not the pictures you are looking for.\n");
-    notes.close();
-
-    for (const QString &path : {truncated, text}) {
+    // A movie cut in half (its index, written last, is gone) and a text file named as a movie.
+    QFile whole(movie(QStringLiteral("whole.mp4")));
+    ASSERT_TRUE(whole.open(QIODevice::ReadOnly));
+    const QByteArray bytes = whole.readAll();
+    const QDir dir(s_movies->path());
+    const std::pair<QString, QByteArray> files[] = {
+        {dir.filePath(QStringLiteral("truncated.mp4")), bytes.left(bytes.size() / 2)},
+        {dir.filePath(QStringLiteral("notes.mp4")), "These are not the pictures you are looking for.\n"}};
+    for (const auto &[path, content] : files) {
         SCOPED_TRACE(path.toStdString());
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(content);
+        file.close();
         open(path);
         const std::shared_ptr<camera::PlayerItem> item = vc->playerItem;
-        // How soon GStreamer gives up on the file is its own affair (fast here, seconds on a
-        // busy machine); what is checked is what follows.
-        ASSERT_TRUE(QTest::qWaitFor([&] { return item->status() == camera::PlayerItemStatus::Failed; }, 10000))
-            << "status " << static_cast<int>(item->status()) << ", playing " << vc->isPlayingVideo.load();
+        // How soon GStreamer gives up is its own affair; what follows is checked.
+        ASSERT_TRUE(QTest::qWaitFor([&] { return item->status() == camera::PlayerItemStatus::Failed; }, 10000));
         // Failure seen: the next tick (1/24 s) stops, the stop itself is queued.
         EXPECT_TRUE(QTest::qWaitFor([&] { return !vc->isPlayingVideo.load(); }, 2 * 1000 / 24 + 20));
         EXPECT_FALSE(vc->player);
@@ -140,15 +104,13 @@ TEST_F(MovieSourceTest, UnplayableFilesReturnToTheCameraWithinATick)
     }
 }
 
-// Files that play forwards but cannot turn: a Matroska live recording (no index: the
-// backwards seek is refused) and an MPEG transport stream (the seek is taken, then
-// nothing comes). Both sit at their end and go back to the camera.
+// Files that play forwards but cannot turn: a Matroska live recording (the backwards
+// seek is refused) and an MPEG transport stream (the seek is taken, then nothing comes).
 TEST_F(MovieSourceTest, AnEndThatCannotTurnReturnsToTheCamera)
 {
-    const QStringList codec = h264() + QStringList{"-live", "1"};
-    for (const QString &path : {movie(QStringLiteral("live.mkv"), codec), movie(QStringLiteral("h264.ts"), h264())}) {
+    for (const QString &path : {movie(QStringLiteral("live.mkv"), kH264 + QStringList{"-live", "1"}),
+                                movie(QStringLiteral("h264.ts"))}) {
         SCOPED_TRACE(path.toStdString());
-        ASSERT_FALSE(path.isEmpty());
         open(path);
         vc->player->setStallTimeout(300);
         EXPECT_EQ(watchMovieColours(3, 3000), (QStringList{"yellow", "magenta", "cyan"}));
@@ -158,42 +120,9 @@ TEST_F(MovieSourceTest, AnEndThatCannotTurnReturnsToTheCamera)
     }
 }
 
-TEST_F(MovieSourceTest, StopReturnsToTheCameraAndKeepsFreezeAsItWas)
-{
-    open(movie(QStringLiteral("h264.mp4"), h264()));
-    ASSERT_EQ(watchMovieColours(1, 2000), QStringList{"yellow"});
-
-    vc->stopVideoBtn->click();
-    EXPECT_FALSE(vc->isPlayingVideo);
-    EXPECT_FALSE(vc->player);
-    EXPECT_FALSE(vc->itemVideoOutput);
-    EXPECT_TRUE(vc->stopVideoBtn->isEnabled());
-    EXPECT_TRUE(waitForColour(QStringLiteral("red"), 1000));
-
-    // Freeze has no hold on movie pictures, and stopping does not reset it.
-    vc->freezeButton->click();
-    open(movie(QStringLiteral("h264.mp4"), h264()));
-    EXPECT_EQ(watchMovieColours(2, 3000), (QStringList{"yellow", "magenta"}));
-    vc->stopVideoBtn->click();
-    QTest::qWait(300);
-    EXPECT_TRUE(vc->isFrozen);
-    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Unfreeze"));
-    EXPECT_NE(pictureColour(), QStringLiteral("red"));
-}
-
-TEST_F(MovieSourceTest, ASecondFileReplacesTheFirst)
-{
-    open(movie(QStringLiteral("h264.mp4"), h264()));
-    ASSERT_EQ(watchMovieColours(3, 3000), (QStringList{"yellow", "magenta", "cyan"}));
-    const std::weak_ptr<camera::MoviePlayer> first = vc->player;
-
-    // The first file would turn back to magenta; the second starts with yellow.
-    open(movie(QStringLiteral("h264.mkv"), h264()));
-    EXPECT_TRUE(first.expired());
-    EXPECT_EQ(watchMovieColours(3, 3000), (QStringList{"cyan", "yellow", "magenta"}));
-}
-
-TEST_F(MovieSourceTest, CancellingTheChooserChangesNothing)
+// Cancelling the chooser changes nothing; a second file replaces the first; Stop goes
+// back to the camera; Freeze has no hold on movie pictures and Stop does not reset it.
+TEST_F(MovieSourceTest, OpenReplaceStopAndFreeze)
 {
     dialogs.answer.reset();
     window->findChild<QPushButton *>(QStringLiteral("openVideoButton"))->click();
@@ -201,7 +130,30 @@ TEST_F(MovieSourceTest, CancellingTheChooserChangesNothing)
     EXPECT_EQ(dialogs.shown, 1);
     EXPECT_FALSE(vc->isPlayingVideo);
     EXPECT_FALSE(vc->stopVideoBtn->isEnabled());
-    EXPECT_EQ(pictureColour(), QStringLiteral("red"));
+
+    open(movie(QStringLiteral("h264.mp4")));
+    EXPECT_TRUE(vc->stopVideoBtn->isEnabled());
+    ASSERT_EQ(watchMovieColours(3, 3000), (QStringList{"yellow", "magenta", "cyan"}));
+    const std::weak_ptr<camera::MoviePlayer> first = vc->player;
+    // The first file would turn back to magenta; the second starts with yellow.
+    open(movie(QStringLiteral("h264.mkv")));
+    EXPECT_TRUE(first.expired());
+    EXPECT_EQ(watchMovieColours(3, 3000), (QStringList{"cyan", "yellow", "magenta"}));
+
+    vc->stopVideoBtn->click();
+    EXPECT_FALSE(vc->isPlayingVideo);
+    EXPECT_FALSE(vc->player);
+    EXPECT_TRUE(vc->stopVideoBtn->isEnabled());
+    EXPECT_TRUE(waitForColour(QStringLiteral("red"), 1000));
+
+    vc->freezeButton->click();
+    open(movie(QStringLiteral("h264.mp4")));
+    EXPECT_EQ(watchMovieColours(2, 3000), (QStringList{"yellow", "magenta"}));
+    vc->stopVideoBtn->click();
+    QTest::qWait(300);
+    EXPECT_TRUE(vc->isFrozen);
+    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Unfreeze"));
+    EXPECT_NE(pictureColour(), QStringLiteral("red"));
 }
 
 } // namespace
