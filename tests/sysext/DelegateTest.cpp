@@ -19,204 +19,140 @@ using namespace vistrel;
 
 namespace {
 
-
-class ViewControllerDelegateTest : public ::testing::Test
+// One alert on one line: title | text | buttons, then "| warning" for the warning style.
+QString shown(const AlertSpec &alert)
 {
-protected:
-    void SetUp() override
-    {
-        env.services.extensionManager = &manager;
-        env.notifications.addObserver(kExtensionInstallationComplete, nullptr, [this] { ++posted; });
-        owned = std::make_unique<ViewController>(env.services);
-    }
-    // The controller's messages, without the "showMessage " prefix.
-    QStringList messages(test::ConsoleCapture &console)
-    {
-        QStringList result;
-        for (const QString &line : console.lines())
-            if (line.startsWith(QStringLiteral("showMessage ")))
-                result << line.mid(12);
-        return result;
-    }
+    return alert.title + " | " + alert.text + " | " + alert.buttons.join(", ") + (alert.style == AlertStyle::Warning ? " | warning" : "");
+}
 
-    test::TestServices env;
-    test::FakeExtensionManager manager;
-    int posted = 0;
-    std::unique_ptr<ViewController> owned;
-    ViewController &controller() { return *owned; }
-};
-
-class AppDelegateAnswersTest : public ::testing::Test
+class DelegateTest : public ::testing::Test
 {
 protected:
     void SetUp() override
     {
         QFile::remove(traceLogPath());
+        env.services.extensionManager = &manager;
         env.notifications.addObserver(kExtensionInstallationComplete, nullptr, [this] { ++posted; });
     }
     QStringList traceMessages()
     {
         QStringList result;
-        for (const QString &line : QString::fromUtf8(test::readFile(traceLogPath())).split(QLatin1Char('\n'), Qt::SkipEmptyParts))
-            result << line.section(QStringLiteral("] "), 1);
+        for (const QString &line : QString::fromUtf8(test::readFile(traceLogPath())).split('\n', Qt::SkipEmptyParts))
+            result << line.section("] ", 1);
         return result;
     }
-    bool installedFlag() { return env.defaults->boolForKey(QStringLiteral("extensionInstalled")); }
+    bool installedFlag() { return env.defaults->boolForKey("extensionInstalled"); }
+    QUrl helpPage() { return sysext::CameraExtensionHelper::extensionSettingsUrl(env.services.bundle); }
 
     test::TestServices env;
-    AppDelegate delegate{env.services};
+    test::FakeExtensionManager manager;
     int posted = 0;
 };
 
 } // namespace
 
-TEST_F(ViewControllerDelegateTest, RequestsCarryTheBundledIdentifierAndTheirDirection)
+TEST_F(DelegateTest, TheControllerRequestsTheBundledExtensionAndReportsEachAnswerInItsOwnWords)
 {
-    controller().activate();
-    controller().deactivate();
+    ViewController controller(env.services);
+    controller.activate();
+    controller.deactivate();
     ASSERT_EQ(manager.requests.size(), 2u);
     EXPECT_EQ(manager.requests[0].kind, sysext::RequestKind::Activation);
-    EXPECT_EQ(manager.requests[0].identifier, QStringLiteral("app.vistrel.Vistrel.cameraextension"));
+    EXPECT_EQ(manager.requests[0].identifier, "app.vistrel.Vistrel.cameraextension");
     EXPECT_EQ(manager.requests[1].kind, sysext::RequestKind::Deactivation);
-    EXPECT_FALSE(controller().activating);
+    EXPECT_FALSE(controller.activating);
 
-    // The answers of the first request reach the controller through its delegate.
-    test::ConsoleCapture console;
-    controller().activating = true;
-    manager.requests[0].delegate->requestDidFinishWithResult(sysext::Completed);
-    EXPECT_EQ(messages(console), (QStringList{QStringLiteral("Request finished with result: 0"), QStringLiteral("The camera is activated")}));
-    EXPECT_EQ(posted, 1);
-}
-
-TEST_F(ViewControllerDelegateTest, EveryAnswerIsReportedInItsOwnWords)
-{
-    struct Case
-    {
-        const char *name;
-        bool activating;
-        std::function<void(ViewController &)> answer;
-        QStringList expected;
-        int posts;
-    };
-    const Case cases[] = {
-        {"replacing", true, [](ViewController &c) { EXPECT_EQ(c.actionForReplacingExtension(QStringLiteral("0.9"), QStringLiteral("1.0")), sysext::Replace); },
-         {QStringLiteral("Replacing extension version 0.9 with 1.0")}, 0},
-        {"approval", true, [](ViewController &c) { c.requestNeedsUserApproval(); },
-         {QStringLiteral("Extension needs user approval and please restart the Vistrel to finish activating the camera")}, 0},
-        {"activated after reboot", true, [](ViewController &c) { c.requestDidFinishWithResult(1); },
-         {QStringLiteral("Request finished with result: 1"), QStringLiteral("Please reboot to finish activating the Dorvane camera")}, 0},
-        {"deactivated after reboot", false, [](ViewController &c) { c.requestDidFinishWithResult(1); },
-         {QStringLiteral("Request finished with result: 1"), QStringLiteral("Please Reboot to finish deactivating the Dorvane camera")}, 0},
-        {"deactivated", false, [](ViewController &c) { c.requestDidFinishWithResult(0); },
-         {QStringLiteral("Request finished with result: 0"), QStringLiteral("The camera is deactivated")}, 0},
-        {"activation failed", true, [](ViewController &c) { c.requestDidFailWithError({sysext::kSystemExtensionErrorDomain, 3, QStringLiteral("secret")}); },
-         {QStringLiteral("Failed to activate the camera, install Vistrel on this computer first :)")}, 0},
-        {"deactivation failed", false, [](ViewController &c) { c.requestDidFailWithError({sysext::kSystemExtensionErrorDomain, 1, QStringLiteral("secret")}); },
-         {QStringLiteral("Failed to deactivate the camera")}, 0},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
+    // The controller's messages for one answer, joined with " / ".
+    const auto says = [&](bool activating, const std::function<void(ViewController &)> &answer) {
         test::ConsoleCapture console;
-        controller().activating = c.activating;
-        posted = 0;
-        c.answer(controller());
-        EXPECT_EQ(messages(console), c.expected);
-        EXPECT_EQ(posted, c.posts);
-    }
+        controller.activating = activating;
+        answer(controller);
+        QStringList messages = console.lines().filter(QStringLiteral("showMessage "));
+        return messages.replaceInStrings(QStringLiteral("showMessage "), QString()).join(" / ");
+    };
+    const auto finish = [](int result) { return [result](auto &d) { d.requestDidFinishWithResult(result); }; };
+    const auto fail = [](int code) { return [code](auto &d) { d.requestDidFailWithError({sysext::kSystemExtensionErrorDomain, code, "x"}); }; };
+    // Through the delegate handed to the manager, so the answers reach this controller.
+    EXPECT_EQ(says(true, [&](auto &) { manager.requests[0].delegate->requestDidFinishWithResult(0); }),
+              "Request finished with result: 0 / The camera is activated");
+    EXPECT_EQ(posted, 1);
+    EXPECT_EQ(says(true, [](auto &d) { EXPECT_EQ(d.actionForReplacingExtension("0.9", "1.0"), sysext::Replace); }),
+              "Replacing extension version 0.9 with 1.0");
+    EXPECT_EQ(says(true, [](auto &d) { d.requestNeedsUserApproval(); }),
+              "Extension needs user approval and please restart the Vistrel to finish activating the camera");
+    EXPECT_EQ(says(true, finish(1)), "Request finished with result: 1 / Please reboot to finish activating the Dorvane camera");
+    EXPECT_EQ(says(false, finish(1)), "Request finished with result: 1 / Please Reboot to finish deactivating the Dorvane camera");
+    EXPECT_EQ(says(false, finish(0)), "Request finished with result: 0 / The camera is deactivated");
+    EXPECT_EQ(says(true, fail(3)), "Failed to activate the camera, install Vistrel on this computer first :)");
+    EXPECT_EQ(says(false, fail(1)), "Failed to deactivate the camera");
+    EXPECT_EQ(posted, 1) << "only a completed activation notifies";
 }
 
-TEST_F(ViewControllerDelegateTest, TheWarningAppearsOnlyWhenInstalledButNotActivated)
+TEST_F(DelegateTest, TheControllerWarnsOnlyWhenInstalledButNotActivated)
 {
-    for (const bool installed : {false, true}) {
+    ViewController controller(env.services);
+    env.alerts.answers = {0, 1}; // "Open Camera Help", then "Later"
+    for (const bool installed : {false, true, true}) {
         for (const bool activated : {false, true}) {
             env.extensionProbes.installed = installed;
             env.extensionProbes.activated = activated;
-            controller().warnIfExtensionNotActivated();
+            controller.warnIfExtensionNotActivated();
         }
     }
-    ASSERT_EQ(env.alerts.shown.size(), 1);
-    const AlertSpec &alert = env.alerts.shown[0];
-    EXPECT_EQ(alert.title, QStringLiteral("Camera Extension Not Activated"));
-    EXPECT_EQ(alert.text, QStringLiteral("The Vistrel camera extension is installed but not activated. Open Camera Help to enable it."));
-    EXPECT_EQ(alert.buttons, (QStringList{QStringLiteral("Open Camera Help"), QStringLiteral("Later")}));
-    EXPECT_EQ(alert.style, AlertStyle::Warning);
-    EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{sysext::CameraExtensionHelper::extensionSettingsUrl(env.services.bundle)});
-
-    env.extensionProbes.installed = true;
-    env.extensionProbes.activated = false;
-    env.alerts.answers = {1}; // "Later"
-    controller().warnIfExtensionNotActivated();
-    EXPECT_EQ(env.urlOpener.opened.size(), 1);
+    ASSERT_EQ(env.alerts.shown.size(), 2);
+    EXPECT_EQ(shown(env.alerts.shown[0]), "Camera Extension Not Activated | The Vistrel camera extension is installed but not "
+                                          "activated. Open Camera Help to enable it. | Open Camera Help, Later | warning");
+    EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{helpPage()}) << "opened once, not for Later";
 }
 
-TEST_F(AppDelegateAnswersTest, ACompletedActivationStoresTheFlagNotifiesAndRelaunches)
+TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQuits)
 {
-    delegate.requestDidFinishWithResult(sysext::Completed);
-    EXPECT_TRUE(env.alerts.shown.isEmpty()) << "the alert waits until the callback has returned";
-    QTRY_COMPARE(env.alerts.shown.size(), 1);
-    EXPECT_EQ(env.alerts.shown[0].title, QStringLiteral("Camera Extension Installed"));
-    EXPECT_EQ(env.alerts.shown[0].text, QStringLiteral("Vistrel must relaunch for the camera extension to become usable. This only takes a moment."));
-    EXPECT_EQ(env.alerts.shown[0].buttons, QStringList{QStringLiteral("Relaunch Now")});
-    EXPECT_TRUE(installedFlag());
-    EXPECT_EQ(posted, 1);
-    EXPECT_EQ(env.launcher.programs, QStringList{QStringLiteral("/opt/vistrel/bin/vistrel")});
-    EXPECT_EQ(env.application.terminateCalls, 1);
-    EXPECT_EQ(traceMessages(), QStringList{QStringLiteral("sysext finished result=0")});
-}
-
-TEST_F(AppDelegateAnswersTest, AnActivationAfterRebootStoresTheFlagAndQuitsWithoutNotifying)
-{
-    delegate.requestDidFinishWithResult(sysext::WillCompleteAfterReboot);
-    QTRY_COMPARE(env.alerts.shown.size(), 1);
-    EXPECT_EQ(env.alerts.shown[0].title, QStringLiteral("Restart Your Computer"));
-    EXPECT_EQ(env.alerts.shown[0].text, QStringLiteral("The camera extension will finish installing after you restart your computer. "
-                                                       "Vistrel will now quit — please reboot, then reopen Vistrel."));
-    EXPECT_EQ(env.alerts.shown[0].buttons, QStringList{QStringLiteral("Quit Vistrel")});
-    EXPECT_EQ(env.alerts.shown[0].style, AlertStyle::Warning);
-    EXPECT_TRUE(installedFlag());
-    EXPECT_EQ(posted, 0);
-    EXPECT_EQ(env.application.terminateCalls, 1);
-    EXPECT_TRUE(env.launcher.programs.isEmpty());
-
-    delegate.requestDidFinishWithResult(7);
-    QTest::qWait(20);
-    EXPECT_EQ(env.alerts.shown.size(), 1) << "other results do nothing more";
-    EXPECT_EQ(traceMessages(), (QStringList{QStringLiteral("sysext finished result=1"), QStringLiteral("sysext finished result=7")}));
-}
-
-TEST_F(AppDelegateAnswersTest, ApprovalReplacementAndFailuresAreTracedAndExplained)
-{
-    EXPECT_EQ(delegate.actionForReplacingExtension(QStringLiteral("0.9"), QStringLiteral("1.0")), sysext::Replace);
+    AppDelegate delegate(env.services);
+    EXPECT_EQ(delegate.actionForReplacingExtension("0.9", "1.0"), sysext::Replace);
     delegate.requestNeedsUserApproval();
-    delegate.requestDidFailWithError({sysext::kSystemExtensionErrorDomain, 3, QStringLiteral("The helper is missing.")});
-    delegate.requestDidFailWithError({QStringLiteral("NSPOSIXErrorDomain"), 3, QStringLiteral("No such process")});
+    delegate.requestDidFailWithError({sysext::kSystemExtensionErrorDomain, 3, "The helper is missing."});
+    delegate.requestDidFailWithError({"NSPOSIXErrorDomain", 3, "No such process"});
     env.alerts.answers = {0, 1, 1}; // the first alert opens the help page
     QTRY_COMPARE(env.alerts.shown.size(), 3);
-
-    EXPECT_EQ(traceMessages(), (QStringList{
-                                   QStringLiteral("sysext replace: 0.9 -> 1.0"),
-                                   QStringLiteral("sysext needs user approval"),
-                                   QStringLiteral("sysext failed code=3 domain=OSSystemExtensionErrorDomain desc=The helper is missing."),
-                                   QStringLiteral("sysext failed code=3 domain=NSPOSIXErrorDomain desc=No such process"),
-                               }));
-    for (const AlertSpec &alert : env.alerts.shown) {
-        EXPECT_EQ(alert.buttons, (QStringList{QStringLiteral("Open Camera Help"), QStringLiteral("Close")}));
-        EXPECT_EQ(alert.style, AlertStyle::Warning);
-    }
-    EXPECT_EQ(env.alerts.shown[0].title, QStringLiteral("Approval Required"));
-    EXPECT_EQ(env.alerts.shown[0].text,
-              QStringLiteral("Please allow Vistrel to install the camera extension: enter your password when asked, and approve "
-                             "its signing key at the next restart if your computer uses Secure Boot.\n\nYou may need to restart "
-                             "Vistrel after approving."));
-    EXPECT_EQ(env.alerts.shown[1].title, QStringLiteral("Installation Failed"));
-    EXPECT_EQ(env.alerts.shown[1].text,
-              QStringLiteral("Vistrel cannot install the camera extension unless the app is installed on this computer.\n\n"
-                             "Quit Vistrel, install it (for example with “sudo cmake --install build”), then reopen it."));
-    EXPECT_EQ(env.alerts.shown[2].text,
-              QStringLiteral("The camera extension could not be installed.\n\nPlease make sure the v4l2loopback kernel module is "
-                             "installed (Camera Help shows how) and allow Vistrel to set it up when asked for your password.\n\n"
-                             "Error: No such process"));
-    EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{sysext::CameraExtensionHelper::extensionSettingsUrl(env.services.bundle)});
+    EXPECT_EQ(shown(env.alerts.shown[0]),
+              "Approval Required | Please allow Vistrel to install the camera extension: enter your password when asked, and "
+              "approve its signing key at the next restart if your computer uses Secure Boot.\n\nYou may need to restart "
+              "Vistrel after approving. | Open Camera Help, Close | warning");
+    EXPECT_EQ(shown(env.alerts.shown[1]),
+              "Installation Failed | Vistrel cannot install the camera extension unless the app is installed on this "
+              "computer.\n\nQuit Vistrel, install it (for example with “sudo cmake --install build”), then reopen it. | "
+              "Open Camera Help, Close | warning");
+    EXPECT_EQ(shown(env.alerts.shown[2]),
+              "Installation Failed | The camera extension could not be installed.\n\nPlease make sure the v4l2loopback "
+              "kernel module is installed (Camera Help shows how) and allow Vistrel to set it up when asked for your "
+              "password.\n\nError: No such process | Open Camera Help, Close | warning");
+    EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{helpPage()});
     EXPECT_FALSE(installedFlag());
-    EXPECT_EQ(env.application.terminateCalls, 0);
+
+    delegate.requestDidFinishWithResult(sysext::Completed);
+    EXPECT_EQ(env.alerts.shown.size(), 3) << "the alert waits until the callback has returned";
+    QTRY_COMPARE(env.alerts.shown.size(), 4);
+    EXPECT_EQ(shown(env.alerts.shown[3]), "Camera Extension Installed | Vistrel must relaunch for the camera extension to "
+                                          "become usable. This only takes a moment. | Relaunch Now");
+    EXPECT_TRUE(installedFlag());
+    EXPECT_EQ(posted, 1);
+    EXPECT_EQ(env.launcher.programs.size(), 1);
+    EXPECT_EQ(env.application.terminateCalls, 1);
+
+    env.defaults->setBool("extensionInstalled", false);
+    delegate.requestDidFinishWithResult(sysext::WillCompleteAfterReboot);
+    delegate.requestDidFinishWithResult(7); // other results do nothing
+    QTest::qWait(20);
+    ASSERT_EQ(env.alerts.shown.size(), 5);
+    EXPECT_EQ(shown(env.alerts.shown[4]), "Restart Your Computer | The camera extension will finish installing after you "
+                                          "restart your computer. Vistrel will now quit — please reboot, then reopen "
+                                          "Vistrel. | Quit Vistrel | warning");
+    EXPECT_TRUE(installedFlag());
+    EXPECT_EQ(posted, 1) << "no notification before the reboot";
+    EXPECT_EQ(env.launcher.programs.size(), 1) << "quits without relaunching";
+    EXPECT_EQ(env.application.terminateCalls, 2);
+    EXPECT_EQ(traceMessages().join('\n'), "sysext replace: 0.9 -> 1.0\nsysext needs user approval\n"
+                                         "sysext failed code=3 domain=OSSystemExtensionErrorDomain desc=The helper is missing.\n"
+                                         "sysext failed code=3 domain=NSPOSIXErrorDomain desc=No such process\n"
+                                         "sysext finished result=0\nsysext finished result=1\nsysext finished result=7");
 }

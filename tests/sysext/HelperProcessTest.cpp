@@ -11,56 +11,36 @@ using vistrel::test::FakeLoopbackMachine;
 
 namespace {
 
-const QString kTestableHelper = QStringLiteral(VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable");
-const QString kInstalledHelper = QStringLiteral(VISTREL_BINARY_DIR "/libexec/vistrel/vistrel-camera-extension-helper");
+const QString kId = FakeLoopbackMachine::kIdentifier;
+const QString kRecord = "# vistrel-extension identifier=" + kId + " version=";
 
 struct HelperRun
 {
-    int exitCode = -1;
-    bool crashed = false;
-    QStringList lines;
+    QString out; // the one output line, or all of them in <> when there are several or none
+    int exitCode;
+    bool crashed;
     QString errors;
 };
 
-HelperRun runProgram(const QString &program, const QStringList &arguments)
+HelperRun run(const QStringList &arguments, const QString &program = VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable")
 {
     QProcess process;
     process.start(program, arguments);
     process.waitForFinished(20000);
-    HelperRun run;
-    run.crashed = process.exitStatus() == QProcess::CrashExit;
-    run.exitCode = process.exitCode();
-    run.lines = QString::fromUtf8(process.readAllStandardOutput()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    run.errors = QString::fromUtf8(process.readAllStandardError());
-    return run;
+    const QStringList lines = QString::fromUtf8(process.readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
+    return {lines.size() == 1 ? lines[0] : "<" + lines.join('|') + ">", process.exitCode(),
+            process.exitStatus() == QProcess::CrashExit, QString::fromUtf8(process.readAllStandardError())};
 }
 
-// Every file under etc/, with its content, to prove that a refused run changed nothing.
-QMap<QString, QString> snapshotEtc(const FakeLoopbackMachine &machine)
+QString helper(const FakeLoopbackMachine &machine, const QString &verb)
 {
-    QMap<QString, QString> files;
-    QDirIterator it(machine.path(QStringLiteral("etc")), QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
-    while (it.hasNext()) {
-        const QString file = it.next();
-        files.insert(file, QFileInfo(file).isSymLink() ? QStringLiteral("-> ") + QFileInfo(file).symLinkTarget()
-                                                       : machine.read(file));
-    }
-    return files;
+    return run({"--test-root=" + machine.root(), verb, kId}).out;
 }
 
 class HelperProcessTest : public ::testing::Test
 {
 protected:
-    HelperRun helper(const QString &verb, const QStringList &extra = {})
-    {
-        return runProgram(kTestableHelper, QStringList{QStringLiteral("--test-root=") + machine.root()} + extra
-                                               + QStringList{verb, FakeLoopbackMachine::kIdentifier});
-    }
-    QStringList leftovers(const QString &dir)
-    {
-        return QDir(machine.path(dir)).entryList(QDir::Files | QDir::Hidden | QDir::NoDotAndDotDot);
-    }
-
+    QString helper(const QString &verb) { return ::helper(machine, verb); }
     FakeLoopbackMachine machine;
 };
 
@@ -68,201 +48,146 @@ protected:
 
 TEST_F(HelperProcessTest, ActivatingInstallsTheRecordLoadsTheModuleAndIsSafeToRepeat)
 {
-    machine.installModule(QStringLiteral("0.12.7"));
-    const HelperRun first = helper(QStringLiteral("activate"));
-    EXPECT_EQ(first.lines, QStringList{QStringLiteral("outcome completed")}) << first.errors.toStdString();
-    EXPECT_EQ(first.exitCode, 0);
-
-    const QString installed = machine.read(machine.modprobeFile());
-    EXPECT_TRUE(installed.startsWith(QStringLiteral(
-        "# vistrel-extension identifier=app.vistrel.Vistrel.cameraextension version=1.0 state=installed\n")));
-    EXPECT_TRUE(installed.contains(QStringLiteral("\noptions v4l2loopback devices=1 card_label=Vistrel exclusive_caps=1\n")));
-    EXPECT_TRUE(machine.read(machine.modulesLoadFile()).contains(QStringLiteral("\nv4l2loopback\n")));
-    EXPECT_EQ(machine.deviceNames(), QStringList{QStringLiteral("Vistrel")});
-
+    machine.installModule("0.12.7");
+    // The files' exact content is checked where the manager finds nothing left to do.
+    EXPECT_EQ(helper("activate"), "outcome completed");
     const QDateTime written = QFileInfo(machine.modprobeFile()).lastModified();
-    const HelperRun second = helper(QStringLiteral("activate"));
-    EXPECT_EQ(second.lines, QStringList{QStringLiteral("outcome completed")});
-    EXPECT_EQ(machine.toolLog().filter(QStringLiteral("modprobe v4l2loopback")).size(), 1) << "loaded once";
+    EXPECT_EQ(helper("activate"), "outcome completed");
+    EXPECT_EQ(machine.toolLog().filter("modprobe v4l2loopback").size(), 1) << "loaded once";
     EXPECT_EQ(QFileInfo(machine.modprobeFile()).lastModified(), written) << "an identical file is not rewritten";
-    EXPECT_EQ(machine.deviceNames(), QStringList{QStringLiteral("Vistrel")});
-
-    const HelperRun status = helper(QStringLiteral("status"));
-    EXPECT_EQ(status.lines, QStringList{QStringLiteral(
-                                "status identifier=app.vistrel.Vistrel.cameraextension installed=1.0 state=installed "
-                                "module=loaded moduleVersion=0.12.7 camera=/dev/video10")});
+    EXPECT_EQ(machine.deviceNames(), QStringList{"Vistrel"});
+    EXPECT_EQ(helper("status"), "status identifier=app.vistrel.Vistrel.cameraextension installed=1.0 state=installed "
+                                "module=loaded moduleVersion=0.12.7 camera=/dev/video10");
 }
 
-TEST_F(HelperProcessTest, AModuleBuiltWithoutAVersionIsStillInstalled)
+TEST_F(HelperProcessTest, TheActivationOutcomeFollowsTheStateOfTheModule)
 {
-    machine.installModule(QString());
-    const HelperRun run = helper(QStringLiteral("activate"));
-    EXPECT_EQ(run.lines, QStringList{QStringLiteral("outcome completed")}) << run.errors.toStdString();
-    EXPECT_EQ(machine.deviceNames(), QStringList{QStringLiteral("Vistrel")});
-}
-
-TEST_F(HelperProcessTest, AMissingModuleOrARejectedKeyAreReportedAsTheirOutcomes)
-{
-    const HelperRun missing = helper(QStringLiteral("activate"));
-    ASSERT_EQ(missing.lines.size(), 1);
-    EXPECT_TRUE(missing.lines[0].startsWith(QStringLiteral("outcome failed 4 "))) << missing.lines[0].toStdString();
-    EXPECT_FALSE(QFileInfo::exists(machine.modprobeFile())) << "nothing is installed for a module that is not there";
-
-    machine.installModule(QStringLiteral("0.12.7"));
-    machine.rejectModuleKey();
-    EXPECT_EQ(helper(QStringLiteral("activate")).lines, QStringList{QStringLiteral("outcome needs-approval")});
-    EXPECT_TRUE(QFileInfo::exists(machine.modprobeFile())) << "kept, so the module loads once its key is enrolled";
-    EXPECT_TRUE(machine.deviceNames().isEmpty());
-}
-
-TEST_F(HelperProcessTest, ALoadedModuleWithoutTheCameraFollowsItsVersion)
-{
+    using Machine = FakeLoopbackMachine;
     struct Case
     {
-        const char *version;
-        int useCount;
-        const char *outcome;
-        const char *tool; // the run that must appear in the tool log
-        bool cameraNow;
+        const char *name;
+        std::function<void(Machine &)> setUp;
+        const char *outcome; // how the one output line starts
+        bool record, camera;
+        const char *tool; // a run that appears once in the tool log; none: no module was unloaded
+    };
+    const auto loaded = [](const char *version, int users) {
+        return [=](Machine &m) { m.loadModule(version, "OBS Virtual Camera", users); };
     };
     const Case cases[] = {
-        {"0.12.7", 0, "outcome completed", "modprobe -r v4l2loopback", true},
-        {"0.12.7", 1, "outcome reboot", nullptr, false},
-        {"0.13.2", 1, "outcome completed", "v4l2loopback-ctl add -n Vistrel -x 1", true},
-        {"0.15.0", 0, "outcome completed", "v4l2loopback-ctl add -n Vistrel -x 1", true},
+        {"no module", [](Machine &) {}, "outcome failed 4 ", false, false, nullptr},
+        // Debian 12's v4l2loopback carries no version and was once refused as not installed.
+        {"module without a version", [](Machine &m) { m.installModule(QString()); }, "outcome completed", true, true, "modprobe v4l2loopback"},
+        // The record stays, so the module loads once its key is enrolled.
+        {"key rejected", [](Machine &m) { m.installModule("0.12.7"); m.rejectModuleKey(); }, "outcome needs-approval", true, false, nullptr},
+        {"0.12.7 loaded, idle", loaded("0.12.7", 0), "outcome completed", true, true, "modprobe -r v4l2loopback"},
+        {"0.12.7 loaded, in use", loaded("0.12.7", 1), "outcome reboot", true, false, nullptr},
+        {"0.13.2 loaded, in use", loaded("0.13.2", 1), "outcome completed", true, true, "v4l2loopback-ctl add -n Vistrel -x 1"},
+        {"0.15.0 loaded, idle", loaded("0.15.0", 0), "outcome completed", true, true, "v4l2loopback-ctl add -n Vistrel -x 1"},
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(std::string(c.version) + " in use " + std::to_string(c.useCount));
-        FakeLoopbackMachine other;
-        other.loadModule(QString::fromLatin1(c.version), QStringLiteral("OBS Virtual Camera"), c.useCount);
-        const HelperRun run = runProgram(kTestableHelper, {QStringLiteral("--test-root=") + other.root(), QStringLiteral("activate"),
-                                                     FakeLoopbackMachine::kIdentifier});
-        EXPECT_EQ(run.lines, QStringList{QString::fromLatin1(c.outcome)}) << run.errors.toStdString();
-        EXPECT_EQ(other.deviceNames().contains(QStringLiteral("Vistrel")), c.cameraNow);
-        if (c.tool)
-            EXPECT_TRUE(other.toolLog().contains(QString::fromLatin1(c.tool))) << other.toolLog().join(QLatin1Char('|')).toStdString();
-        else
-            EXPECT_TRUE(other.toolLog().filter(QStringLiteral("-r")).isEmpty()) << "no reload while a device is open";
-        EXPECT_TRUE(QFileInfo::exists(other.modprobeFile()));
+        SCOPED_TRACE(c.name);
+        Machine m;
+        c.setUp(m);
+        const QString out = ::helper(m, "activate");
+        EXPECT_TRUE(out.startsWith(c.outcome)) << out.toStdString();
+        EXPECT_EQ(QFileInfo::exists(m.modprobeFile()), c.record);
+        EXPECT_EQ(m.deviceNames().contains("Vistrel"), c.camera);
+        EXPECT_EQ(m.toolLog().filter(c.tool ? c.tool : "-r").size(), c.tool ? 1 : 0) << m.toolLog().join('|').toStdString();
     }
 }
 
 TEST_F(HelperProcessTest, DeactivatingRemovesTheCameraOrLeavesAnInertRecordUntilReboot)
 {
-    machine.installModule(QStringLiteral("0.12.7"));
-    ASSERT_EQ(helper(QStringLiteral("activate")).lines, QStringList{QStringLiteral("outcome completed")});
-    EXPECT_EQ(helper(QStringLiteral("deactivate")).lines, QStringList{QStringLiteral("outcome completed")});
-    EXPECT_FALSE(QFileInfo::exists(machine.modprobeFile()));
-    EXPECT_FALSE(QFileInfo::exists(machine.modulesLoadFile()));
-    EXPECT_TRUE(machine.deviceNames().isEmpty());
-    EXPECT_EQ(helper(QStringLiteral("deactivate")).lines, QStringList{QStringLiteral("outcome completed")}) << "twice is fine";
+    machine.installModule("0.12.7");
+    ASSERT_EQ(helper("activate"), "outcome completed");
+    // That files and camera are gone is checked where the manager finds nothing left to remove.
+    EXPECT_EQ(helper("deactivate"), "outcome completed");
+    EXPECT_EQ(helper("deactivate"), "outcome completed") << "twice is fine";
 
     // A camera that is open cannot go before the next boot.
-    ASSERT_EQ(helper(QStringLiteral("activate")).lines, QStringList{QStringLiteral("outcome completed")});
+    ASSERT_EQ(helper("activate"), "outcome completed");
     machine.setUseCount(1);
-    EXPECT_EQ(helper(QStringLiteral("deactivate")).lines, QStringList{QStringLiteral("outcome reboot")});
-    const QString record = machine.read(machine.modprobeFile());
-    EXPECT_TRUE(record.startsWith(QStringLiteral("# vistrel-extension identifier=app.vistrel.Vistrel.cameraextension "
-                                                 "version=1.0 state=removed\n")));
-    EXPECT_FALSE(record.contains(QStringLiteral("options"))) << "the record sets nothing";
+    EXPECT_EQ(helper("deactivate"), "outcome reboot");
+    EXPECT_EQ(machine.read(machine.modprobeFile()), kRecord + "1.0 state=removed\n") << "the record sets nothing";
     EXPECT_FALSE(QFileInfo::exists(machine.modulesLoadFile())) << "not loaded at the next boot";
 }
 
 TEST_F(HelperProcessTest, AnInterruptedWriteLeavesTheOldFileWholeAndTheNextRunCleansUp)
 {
-    machine.installModule(QStringLiteral("0.12.7"));
-    const QString old = QStringLiteral("# vistrel-extension identifier=app.vistrel.Vistrel.cameraextension version=0.9 "
-                                       "state=installed\noptions v4l2loopback devices=1 card_label=Vistrel\n");
-    machine.write(QStringLiteral("etc/modprobe.d/app.vistrel.Vistrel.cameraextension.conf"), old);
+    machine.installModule("0.12.7");
+    const QString old = kRecord + "0.9 state=installed\noptions v4l2loopback devices=1 card_label=Vistrel\n";
+    machine.write("etc/modprobe.d/" + kId + ".conf", old);
+    const QDir dir(machine.path("etc/modprobe.d"));
 
-    const HelperRun crashed = helper(QStringLiteral("activate"), {QStringLiteral("--test-crash-mid-write")});
-    EXPECT_TRUE(crashed.crashed);
-    EXPECT_TRUE(crashed.lines.isEmpty());
+    EXPECT_TRUE(run({"--test-root=" + machine.root(), "--test-crash-mid-write", "activate", kId}).crashed);
     EXPECT_EQ(machine.read(machine.modprobeFile()), old) << "never half-written";
-    EXPECT_EQ(leftovers(QStringLiteral("etc/modprobe.d")).size(), 2) << "the old file and the abandoned temporary";
-    for (const QString &name : leftovers(QStringLiteral("etc/modprobe.d")))
-        if (name.startsWith(QLatin1Char('.')))
-            EXPECT_FALSE(name.endsWith(QStringLiteral(".conf"))) << "modprobe ignores it";
+    EXPECT_EQ(dir.entryList(QDir::Files | QDir::Hidden).size(), 2) << "the old file and the abandoned temporary";
+    EXPECT_EQ(dir.entryList({"*.conf"}, QDir::Files | QDir::Hidden), QStringList{kId + ".conf"}) << "modprobe ignores the temporary";
 
-    EXPECT_EQ(helper(QStringLiteral("activate")).lines, QStringList{QStringLiteral("outcome completed")});
-    EXPECT_EQ(leftovers(QStringLiteral("etc/modprobe.d")),
-              QStringList{FakeLoopbackMachine::kIdentifier + QStringLiteral(".conf")});
-    EXPECT_TRUE(machine.read(machine.modprobeFile()).contains(QStringLiteral("version=1.0")));
+    EXPECT_EQ(helper("activate"), "outcome completed");
+    EXPECT_EQ(dir.entryList(QDir::Files | QDir::Hidden), QStringList{kId + ".conf"});
+    EXPECT_TRUE(machine.read(machine.modprobeFile()).contains("version=1.0"));
 }
 
 TEST_F(HelperProcessTest, HostileArgumentsAreRefusedWithOneLineAndNoChange)
 {
-    machine.installModule(QStringLiteral("0.12.7"));
-    const QString root = QStringLiteral("--test-root=") + machine.root();
+    machine.installModule("0.12.7");
+    const QString root = "--test-root=" + machine.root();
     const QList<QStringList> hostile = {
-        {root},
-        {root, QStringLiteral("activate")},
-        {root, QStringLiteral("activate"), FakeLoopbackMachine::kIdentifier, QStringLiteral("extra")},
-        {root, QStringLiteral("install"), FakeLoopbackMachine::kIdentifier},
-        {root, QStringLiteral("ACTIVATE"), FakeLoopbackMachine::kIdentifier},
-        {root, QStringLiteral("activate"), QStringLiteral("../../../etc/passwd")},
-        {root, QStringLiteral("activate"), QStringLiteral("app.vistrel/evil")},
-        {root, QStringLiteral("activate"), QStringLiteral("app.vistrel.Vistrel.cameraextension\nx")},
-        {root, QStringLiteral("activate"), QStringLiteral("app.vistrel\x01.cameraextension")},
-        {root, QStringLiteral("activate"), QStringLiteral("app.vistrel.Vistrel.cameraextension; rm -rf /")},
-        {root, QStringLiteral("activate"), QString()},
-        {root, QStringLiteral("deactivate"), QStringLiteral("-x")},
-        {root, QStringLiteral("activate"), QStringLiteral("app.vistrel.Other.cameraextension")}, // not in the bundle
-        {QStringLiteral("--test-root=relative"), QStringLiteral("activate"), FakeLoopbackMachine::kIdentifier},
+        {root, "activate"},
+        {root, "activate", kId, "extra"},
+        {root, "install", kId},
+        {root, "activate", "../../../etc/passwd"},
+        {root, "activate", "app.vistrel/evil"},
+        {root, "activate", kId + "\nx"},
+        {root, "activate", QString()},
+        {root, "activate", "app.vistrel.Other.cameraextension"}, // not in the bundle
+        {"--test-root=relative", "activate", kId},
     };
-    const auto before = snapshotEtc(machine);
     for (const QStringList &arguments : hostile) {
-        SCOPED_TRACE(arguments.join(QLatin1Char(' ')).toStdString());
-        const HelperRun run = runProgram(kTestableHelper, arguments);
-        ASSERT_EQ(run.lines.size(), 1);
-        EXPECT_TRUE(run.lines[0].startsWith(QStringLiteral("outcome failed 1 "))) << run.lines[0].toStdString();
-        EXPECT_NE(run.exitCode, 126);
-        EXPECT_NE(run.exitCode, 127);
-        EXPECT_FALSE(run.errors.isEmpty()) << "the reason is explained";
+        SCOPED_TRACE(arguments.join(' ').toStdString());
+        const HelperRun refused = run(arguments);
+        EXPECT_TRUE(refused.out.startsWith("outcome failed 1 ")) << refused.out.toStdString();
+        EXPECT_TRUE(refused.exitCode != 126 && refused.exitCode != 127) << "pkexec's own codes";
+        EXPECT_FALSE(refused.errors.isEmpty()) << "the reason is explained";
     }
-    EXPECT_EQ(snapshotEtc(machine), before);
+    EXPECT_FALSE(QDirIterator(machine.path("etc"), QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories).hasNext());
     EXPECT_TRUE(machine.toolLog().isEmpty()) << "no tool was run";
 
     // The installed helper has no test switches at all: its folders cannot be moved.
-    const HelperRun installed = runProgram(kInstalledHelper, {root, QStringLiteral("status"), FakeLoopbackMachine::kIdentifier});
-    ASSERT_EQ(installed.lines.size(), 1);
-    EXPECT_TRUE(installed.lines[0].startsWith(QStringLiteral("outcome failed 1 ")));
+    const HelperRun installed = run({root, "status", kId}, VISTREL_BINARY_DIR "/libexec/vistrel/vistrel-camera-extension-helper");
+    EXPECT_TRUE(installed.out.startsWith("outcome failed 1 "));
     EXPECT_EQ(installed.exitCode, 2);
 }
 
 TEST_F(HelperProcessTest, UnexpectedFilesOnDiskAreLeftAloneAndRefused)
 {
-    machine.installModule(QStringLiteral("0.12.7"));
-    const QString target = machine.path(QStringLiteral("victim"));
-    machine.write(QStringLiteral("victim"), QStringLiteral("precious\n"));
+    machine.installModule("0.12.7");
+    machine.write("victim", "precious\n");
 
     // A link in place of the record.
-    QFile::link(target, machine.modprobeFile());
-    HelperRun run = helper(QStringLiteral("activate"));
-    ASSERT_EQ(run.lines.size(), 1);
-    EXPECT_TRUE(run.lines[0].startsWith(QStringLiteral("outcome failed 1 ")));
-    EXPECT_EQ(machine.read(QStringLiteral("victim")), QStringLiteral("precious\n"));
+    QFile::link(machine.path("victim"), machine.modprobeFile());
+    EXPECT_TRUE(helper("activate").startsWith("outcome failed 1 "));
+    EXPECT_TRUE(helper("deactivate").startsWith("outcome failed 1 "));
+    EXPECT_EQ(machine.read("victim"), "precious\n");
     EXPECT_TRUE(QFileInfo(machine.modprobeFile()).isSymLink());
-    EXPECT_TRUE(helper(QStringLiteral("deactivate")).lines.value(0).startsWith(QStringLiteral("outcome failed 1 ")));
-    EXPECT_TRUE(QFileInfo(machine.modprobeFile()).isSymLink());
-    QFile::remove(machine.modprobeFile());
 
     // A file of the same name that Vistrel did not write.
-    machine.write(QStringLiteral("etc/modprobe.d/app.vistrel.Vistrel.cameraextension.conf"), QStringLiteral("options snd x=1\n"));
-    run = helper(QStringLiteral("deactivate"));
-    EXPECT_TRUE(run.lines.value(0).startsWith(QStringLiteral("outcome failed 1 "))) << run.lines.value(0).toStdString();
-    EXPECT_EQ(machine.read(machine.modprobeFile()), QStringLiteral("options snd x=1\n"));
     QFile::remove(machine.modprobeFile());
+    machine.write("etc/modprobe.d/" + kId + ".conf", "options snd x=1\n");
+    EXPECT_TRUE(helper("deactivate").startsWith("outcome failed 1 "));
+    EXPECT_EQ(machine.read(machine.modprobeFile()), "options snd x=1\n");
 
     // A bundled configuration that would run a command as root, or that others may edit.
-    const QString bundled = QStringLiteral("share/vistrel/SystemExtensions/app.vistrel.Vistrel.cameraextension/modprobe.conf");
+    QFile::remove(machine.modprobeFile());
+    const QString bundled = "share/vistrel/SystemExtensions/" + kId + "/modprobe.conf";
     const QString original = machine.read(bundled);
-    machine.write(bundled, original + QStringLiteral("install v4l2loopback /bin/sh -c 'id > /tmp/owned'\n"));
-    EXPECT_TRUE(helper(QStringLiteral("activate")).lines.value(0).startsWith(QStringLiteral("outcome failed 1 refusing")));
+    machine.write(bundled, original + "install v4l2loopback /bin/sh -c 'id > /tmp/owned'\n");
+    EXPECT_TRUE(helper("activate").startsWith("outcome failed 1 refusing"));
     machine.write(bundled, original);
-    QFile::setPermissions(machine.path(bundled), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadOther
-                                                     | QFileDevice::WriteOther);
-    EXPECT_TRUE(helper(QStringLiteral("activate")).lines.value(0).contains(QStringLiteral("not installed safely")));
+    QFile::setPermissions(machine.path(bundled), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther | QFile::WriteOther);
+    EXPECT_TRUE(helper("activate").contains("not installed safely"));
     EXPECT_FALSE(QFileInfo::exists(machine.modprobeFile()));
-    EXPECT_TRUE(machine.toolLog().filter(QStringLiteral("modprobe")).isEmpty());
+    EXPECT_TRUE(machine.toolLog().filter("modprobe").isEmpty());
 }

@@ -6,9 +6,10 @@
 #include "FakeLoopbackMachine.h"
 
 #include <QFile>
-#include <QSignalSpy>
 #include <QTest>
+#include <functional>
 #include <gtest/gtest.h>
+#include <optional>
 #include <unistd.h>
 
 using namespace vistrel;
@@ -16,199 +17,132 @@ using test::FakeLoopbackMachine;
 
 namespace {
 
-struct Answer
-{
-    QString kind; // "replace", "approval", "finished", "failed"
-    int value = 0;
-    QString domain;
-    QString text;
-};
+const QString kId = FakeLoopbackMachine::kIdentifier;
 
+// Each answer as one line: "replace 0.9 -> 1.0", "approval", "finished 0", "failed <code> <domain> <text>".
 class RecordingDelegate final : public sysext::ExtensionRequestDelegate
 {
 public:
-    std::vector<Answer> answers;
-    int replacementAnswer = sysext::Replace;
+    QStringList answers;
+    int replacement = sysext::Replace;
 
-    int actionForReplacingExtension(const QString &existing, const QString &fresh) override
+    int actionForReplacingExtension(const QString &old, const QString &fresh) override
     {
-        answers.push_back({QStringLiteral("replace"), 0, {}, existing + QStringLiteral(" -> ") + fresh});
-        return replacementAnswer;
+        answers << "replace " + old + " -> " + fresh;
+        return replacement;
     }
-    void requestNeedsUserApproval() override { answers.push_back({QStringLiteral("approval")}); }
-    void requestDidFinishWithResult(int result) override { answers.push_back({QStringLiteral("finished"), result}); }
-    void requestDidFailWithError(const sysext::ExtensionRequestError &error) override
+    void requestNeedsUserApproval() override { answers << "approval"; }
+    void requestDidFinishWithResult(int result) override { answers << "finished " + QString::number(result); }
+    void requestDidFailWithError(const sysext::ExtensionRequestError &e) override
     {
-        answers.push_back({QStringLiteral("failed"), error.code, error.domain, error.description});
+        answers << QStringLiteral("failed %1 %2 %3").arg(e.code).arg(e.domain, e.description);
     }
 };
 
-void writeScript(const QString &path, const QString &body)
+QString failed(int code)
 {
-    QFile file(path);
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(("#!/bin/sh\n" + body + "\n").toUtf8());
-    file.close();
-    QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadOther | QFile::ExeOther);
+    return QStringLiteral("failed %1 %2 ").arg(code).arg(sysext::kSystemExtensionErrorDomain);
 }
 
 class ManagerTest : public ::testing::Test
 {
 protected:
+    // A fresh machine with the module and an installed app, whose pkexec stand-in runs the helper.
     void SetUp() override
     {
-        const QString bin = machine.path(QStringLiteral("app"));
-        QDir().mkpath(bin);
-        config.helperPath = bin + QStringLiteral("/helper");
-        config.pkexecPath = bin + QStringLiteral("/pkexec");
-        config.policyPath = bin + QStringLiteral("/app.vistrel.Vistrel.policy");
-        config.extensionsDir = machine.path(QStringLiteral("share/vistrel/SystemExtensions"));
-        config.helperOwner = ::geteuid();
-        config.roots = {machine.path(QStringLiteral("sys")), machine.path(QStringLiteral("etc")), QStringLiteral("/dev")};
-        writeScript(config.helperPath, QStringLiteral("exec '" VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable' "
-                                                      "--test-root='%1' \"$@\"").arg(machine.root()));
-        QFile policy(config.policyPath);
-        policy.open(QIODevice::WriteOnly);
-        policy.write("<policyconfig/>\n");
-        setPkexec(QStringLiteral("exec \"$@\""));
+        machine.emplace();
+        machine->installModule("0.12.7");
+        config = {.pkexecPath = machine->path("app/pkexec"),
+                  .helperPath = machine->path("app/helper"),
+                  .policyPath = machine->path("app/app.vistrel.Vistrel.policy"),
+                  .extensionsDir = machine->path("share/vistrel/SystemExtensions"),
+                  .helperOwner = ::geteuid(),
+                  .roots = {machine->path("sys"), machine->path("etc"), "/dev"}};
+        script("app/helper", "exec '" VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable' --test-root='"
+                                 + machine->root() + "' \"$@\"");
+        pkexec("exec \"$@\"");
+        machine->write("app/app.vistrel.Vistrel.policy", "<policyconfig/>\n");
     }
     // The stand-in logs each start, then does `body`.
-    void setPkexec(const QString &body)
+    void pkexec(const QString &body) { script("app/pkexec", "echo \"$*\" >> '" + machine->root() + "/kernel/pkexec-log'\n" + body); }
+    void script(const QString &relative, const QString &body)
     {
-        writeScript(config.pkexecPath, QStringLiteral("echo \"$*\" >> '%1/kernel/pkexec-log'\n").arg(machine.root()) + body);
+        machine->write(relative, "#!/bin/sh\n" + body + "\n");
+        QFile::setPermissions(machine->path(relative), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     }
-    int pkexecRuns() const
-    {
-        return machine.read(QStringLiteral("kernel/pkexec-log")).count(QLatin1Char('\n'));
-    }
+    int pkexecRuns() const { return machine->read("kernel/pkexec-log").count('\n'); }
     // Submits one request and waits for its last answer.
-    std::vector<Answer> submit(sysext::RequestKind kind = sysext::RequestKind::Activation, int replacement = sysext::Replace)
+    QStringList submit(sysext::RequestKind kind = sysext::RequestKind::Activation, int replacement = sysext::Replace)
     {
         sysext::HelperExtensionManager manager(config);
         auto delegate = std::make_shared<RecordingDelegate>();
-        delegate->replacementAnswer = replacement;
-        manager.submitRequest({kind, FakeLoopbackMachine::kIdentifier, delegate});
+        delegate->replacement = replacement;
+        manager.submitRequest({kind, kId, delegate});
         EXPECT_TRUE(delegate->answers.empty()) << "answers never arrive inside submitRequest";
-        const auto done = [&] {
-            return !delegate->answers.empty() && delegate->answers.back().kind != QStringLiteral("replace");
-        };
+        const auto done = [&] { return !delegate->answers.empty() && !delegate->answers.back().startsWith("replace"); };
         EXPECT_TRUE(QTest::qWaitFor(done, 20000)) << "no answer";
         QTest::qWait(20); // nothing else follows
         return delegate->answers;
     }
-    static Answer only(const std::vector<Answer> &answers)
-    {
-        EXPECT_EQ(answers.size(), 1u);
-        return answers.empty() ? Answer{} : answers.front();
-    }
 
-    FakeLoopbackMachine machine;
+    std::optional<FakeLoopbackMachine> machine;
     sysext::HelperExtensionManager::Config config;
 };
 
 } // namespace
 
-TEST_F(ManagerTest, ActivationRunsTheHelperOnceAndAnAlreadyActiveExtensionAsksForNothing)
+TEST_F(ManagerTest, AnotherVersionIsReplacedOnConsentAndNothingIsAskedWhenNothingWouldChange)
 {
-    machine.installModule(QStringLiteral("0.12.7"));
-    Answer answer = only(submit());
-    EXPECT_EQ(answer.kind, QStringLiteral("finished"));
-    EXPECT_EQ(answer.value, sysext::Completed);
-    EXPECT_EQ(pkexecRuns(), 1);
-    EXPECT_TRUE(machine.read(QStringLiteral("kernel/pkexec-log")).startsWith(config.helperPath + QStringLiteral(" activate ") + FakeLoopbackMachine::kIdentifier));
+    machine->write("etc/modprobe.d/" + kId + ".conf",
+                   "# vistrel-extension identifier=" + kId + " version=0.9 state=installed\noptions v4l2loopback devices=1 card_label=Vistrel\n");
+    const QStringList refused = submit(sysext::RequestKind::Activation, sysext::CancelReplacement);
+    ASSERT_EQ(refused.size(), 2);
+    EXPECT_EQ(refused[0], "replace 0.9 -> 1.0");
+    EXPECT_TRUE(refused[1].startsWith(failed(sysext::RequestCanceled)));
+    EXPECT_EQ(pkexecRuns(), 0);
 
-    answer = only(submit());
-    EXPECT_EQ(answer.kind, QStringLiteral("finished"));
+    EXPECT_EQ(submit(), (QStringList{"replace 0.9 -> 1.0", "finished 0"}));
+    EXPECT_EQ(machine->read("kernel/pkexec-log"), config.helperPath + " activate " + kId + "\n");
+    EXPECT_EQ(submit(), QStringList{"finished 0"});
     EXPECT_EQ(pkexecRuns(), 1) << "no password prompt when nothing would change";
 
-    answer = only(submit(sysext::RequestKind::Deactivation));
-    EXPECT_EQ(answer.kind, QStringLiteral("finished"));
-    EXPECT_EQ(answer.value, sysext::Completed);
+    EXPECT_EQ(submit(sysext::RequestKind::Deactivation), QStringList{"finished 0"});
     EXPECT_EQ(pkexecRuns(), 2);
-    only(submit(sysext::RequestKind::Deactivation));
+    EXPECT_EQ(submit(sysext::RequestKind::Deactivation), QStringList{"finished 0"});
     EXPECT_EQ(pkexecRuns(), 2) << "nothing left to remove";
 }
 
-TEST_F(ManagerTest, HelperOutcomesAndPkexecStatusesMapToTheirAnswers)
+TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
 {
     struct Case
     {
         const char *name;
-        QString pkexec;
-        bool module;
-        bool keyRejected;
-        QString kind;
-        int value;
+        std::function<void()> setUp;
+        QString answer; // a failure also gives its reason after this
+        int prompts;
     };
+    const QString notInstalled = failed(sysext::UnsupportedParentBundleLocation);
     const Case cases[] = {
-        {"prompt dismissed", QStringLiteral("exit 126"), true, false, QStringLiteral("failed"), sysext::RequestCanceled},
-        {"not authorised", QStringLiteral("echo 'Not authorized.' >&2; exit 127"), true, false, QStringLiteral("failed"), sysext::AuthorizationRequired},
-        {"helper crashed", QStringLiteral("kill -SEGV $$"), true, false, QStringLiteral("failed"), sysext::UnknownError},
-        {"helper silent", QStringLiteral("exit 0"), true, false, QStringLiteral("failed"), sysext::UnknownError},
-        {"module missing", QStringLiteral("exec \"$@\""), false, false, QStringLiteral("failed"), sysext::ModuleNotInstalled},
-        {"key rejected", QStringLiteral("exec \"$@\""), true, true, QStringLiteral("approval"), 0},
+        {"prompt dismissed", [&] { pkexec("exit 126"); }, failed(sysext::RequestCanceled), 1},
+        {"not authorised", [&] { pkexec("echo 'Not authorized.' >&2; exit 127"); }, failed(sysext::AuthorizationRequired), 1},
+        {"helper silent", [&] { pkexec("exit 0"); }, failed(sysext::UnknownError), 1},
+        {"module missing", [&] { QFile::remove(machine->path("kernel/version")); }, failed(sysext::ModuleNotInstalled), 1},
+        {"key rejected", [&] { machine->rejectModuleKey(); }, "approval", 1},
+        // The app is not installed: no password prompt.
+        {"helper missing", [&] { config.helperPath = machine->path("app/none"); }, notInstalled, 0},
+        {"helper writable by others", [&] { QFile::setPermissions(config.helperPath, QFile::permissions(config.helperPath) | QFile::WriteOther); },
+         notInstalled, 0},
+        {"helper of another owner (a build tree)", [&] { config.helperOwner = ::geteuid() + 1; }, notInstalled, 0},
+        {"policy missing", [&] { QFile::remove(config.policyPath); }, notInstalled, 0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
-        FakeLoopbackMachine fresh;
-        config.extensionsDir = fresh.path(QStringLiteral("share/vistrel/SystemExtensions"));
-        config.roots = {fresh.path(QStringLiteral("sys")), fresh.path(QStringLiteral("etc")), QStringLiteral("/dev")};
-        writeScript(config.helperPath, QStringLiteral("exec '" VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable' "
-                                                      "--test-root='%1' \"$@\"").arg(fresh.root()));
-        if (c.module)
-            fresh.installModule(QStringLiteral("0.12.7"));
-        if (c.keyRejected)
-            fresh.rejectModuleKey();
-        setPkexec(c.pkexec);
-        const Answer answer = only(submit());
-        EXPECT_EQ(answer.kind, c.kind) << answer.text.toStdString();
-        EXPECT_EQ(answer.value, c.value) << answer.text.toStdString();
-        if (answer.kind == QStringLiteral("failed")) {
-            EXPECT_EQ(answer.domain, sysext::kSystemExtensionErrorDomain);
-            EXPECT_FALSE(answer.text.isEmpty());
-        }
-    }
-}
-
-TEST_F(ManagerTest, AnAppThatIsNotInstalledFailsWithCodeThreeWithoutAPrompt)
-{
-    machine.installModule(QStringLiteral("0.12.7"));
-    const QString helper = config.helperPath;
-    const std::vector<std::pair<const char *, std::function<void()>>> problems = {
-        {"helper missing", [&] { config.helperPath = machine.path(QStringLiteral("app/none")); }},
-        {"helper writable by others", [&] { QFile::setPermissions(helper, QFile::permissions(helper) | QFile::WriteOther); }},
-        {"helper of another owner (a build tree)", [&] { config.helperOwner = ::geteuid() + 1; }},
-        {"policy missing", [&] { QFile::remove(config.policyPath); }},
-    };
-    for (const auto &[name, breakIt] : problems) {
-        SCOPED_TRACE(name);
         SetUp();
-        breakIt();
-        const Answer answer = only(submit());
-        EXPECT_EQ(answer.kind, QStringLiteral("failed"));
-        EXPECT_EQ(answer.value, sysext::UnsupportedParentBundleLocation) << answer.text.toStdString();
-        EXPECT_EQ(answer.domain, sysext::kSystemExtensionErrorDomain);
+        c.setUp();
+        const QStringList answers = submit();
+        ASSERT_EQ(answers.size(), 1);
+        const QString &a = answers[0];
+        EXPECT_TRUE(c.answer.endsWith(' ') ? a.startsWith(c.answer) && a.size() > c.answer.size() : a == c.answer) << a.toStdString();
+        EXPECT_EQ(pkexecRuns(), c.prompts);
     }
-    EXPECT_EQ(pkexecRuns(), 0);
-}
-
-TEST_F(ManagerTest, ADifferentInstalledVersionIsReplacedOnlyWithTheDelegatesConsent)
-{
-    machine.installModule(QStringLiteral("0.12.7"));
-    machine.write(QStringLiteral("etc/modprobe.d/") + FakeLoopbackMachine::kIdentifier + QStringLiteral(".conf"),
-                  QStringLiteral("# vistrel-extension identifier=%1 version=0.9 state=installed\n"
-                                 "options v4l2loopback devices=1 card_label=Vistrel\n").arg(FakeLoopbackMachine::kIdentifier));
-
-    std::vector<Answer> answers = submit(sysext::RequestKind::Activation, sysext::CancelReplacement);
-    ASSERT_EQ(answers.size(), 2u);
-    EXPECT_EQ(answers[0].text, QStringLiteral("0.9 -> 1.0"));
-    EXPECT_EQ(answers[1].kind, QStringLiteral("failed"));
-    EXPECT_EQ(answers[1].value, sysext::RequestCanceled);
-    EXPECT_EQ(pkexecRuns(), 0);
-
-    answers = submit();
-    ASSERT_EQ(answers.size(), 2u);
-    EXPECT_EQ(answers[0].kind, QStringLiteral("replace"));
-    EXPECT_EQ(answers[1].kind, QStringLiteral("finished"));
-    EXPECT_TRUE(machine.read(machine.modprobeFile()).contains(QStringLiteral("version=1.0")));
 }
