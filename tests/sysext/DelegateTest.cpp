@@ -1,6 +1,5 @@
-// The two request delegates: the view controller's console messages and requests,
-// and the application delegate's trace lines, alerts, flag, notification, relaunch
-// and quit.
+// The two request delegates: the view controller's requests, console messages and warning,
+// and the application delegate's trace lines, alerts, flag, notification, relaunch and quit.
 #include "app/AppDelegate.h"
 #include "app/TraceLog.h"
 #include "camera/ViewController.h"
@@ -34,14 +33,6 @@ protected:
         env.services.extensionManager = &manager;
         env.notifications.addObserver(kExtensionInstallationComplete, nullptr, [this] { ++posted; });
     }
-    QStringList traceMessages()
-    {
-        QStringList result;
-        for (const QString &line : QString::fromUtf8(test::readFile(traceLogPath())).split('\n', Qt::SkipEmptyParts))
-            result << line.section("] ", 1);
-        return result;
-    }
-    bool installedFlag() { return env.defaults->boolForKey("extensionInstalled"); }
     QUrl helpPage() { return sysext::CameraExtensionHelper::extensionSettingsUrl(env.services.bundle); }
 
     test::TestServices env;
@@ -51,7 +42,7 @@ protected:
 
 } // namespace
 
-TEST_F(DelegateTest, TheControllerRequestsTheBundledExtensionAndReportsEachAnswerInItsOwnWords)
+TEST_F(DelegateTest, TheControllerRequestsReportsEachAnswerInItsOwnWordsAndWarnsWhenNotActivated)
 {
     ViewController controller(env.services);
     controller.activate();
@@ -86,18 +77,13 @@ TEST_F(DelegateTest, TheControllerRequestsTheBundledExtensionAndReportsEachAnswe
     EXPECT_EQ(says(true, fail(3)), "Failed to activate the camera, install Vistrel on this computer first :)");
     EXPECT_EQ(says(false, fail(1)), "Failed to deactivate the camera");
     EXPECT_EQ(posted, 1) << "only a completed activation notifies";
-}
 
-TEST_F(DelegateTest, TheControllerWarnsOnlyWhenInstalledButNotActivated)
-{
-    ViewController controller(env.services);
+    // A warning only when installed but not activated.
     env.alerts.answers = {0, 1}; // "Open Camera Help", then "Later"
-    for (const bool installed : {false, true, true}) {
-        for (const bool activated : {false, true}) {
-            env.extensionProbes.installed = installed;
-            env.extensionProbes.activated = activated;
-            controller.warnIfExtensionNotActivated();
-        }
+    for (const auto &[installed, activated] : {std::pair{false, false}, {true, true}, {true, false}, {true, false}}) {
+        env.extensionProbes.installed = installed;
+        env.extensionProbes.activated = activated;
+        controller.warnIfExtensionNotActivated();
     }
     ASSERT_EQ(env.alerts.shown.size(), 2);
     EXPECT_EQ(shown(env.alerts.shown[0]), "Camera Extension Not Activated | The Vistrel camera extension is installed but not "
@@ -108,6 +94,10 @@ TEST_F(DelegateTest, TheControllerWarnsOnlyWhenInstalledButNotActivated)
 TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQuits)
 {
     AppDelegate delegate(env.services);
+    const auto effects = [&] {
+        return QStringLiteral("installed=%1 notified=%2 relaunched=%3 quit=%4")
+            .arg(int(env.defaults->boolForKey("extensionInstalled"))).arg(posted).arg(env.launcher.programs.size()).arg(env.application.terminateCalls);
+    };
     EXPECT_EQ(delegate.actionForReplacingExtension("0.9", "1.0"), sysext::Replace);
     delegate.requestNeedsUserApproval();
     delegate.requestDidFailWithError({sysext::kSystemExtensionErrorDomain, 3, "The helper is missing."});
@@ -127,17 +117,13 @@ TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQu
               "kernel module is installed (Camera Help shows how) and allow Vistrel to set it up when asked for your "
               "password.\n\nError: No such process | Open Camera Help, Close | warning");
     EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{helpPage()});
-    EXPECT_FALSE(installedFlag());
 
     delegate.requestDidFinishWithResult(sysext::Completed);
     EXPECT_EQ(env.alerts.shown.size(), 3) << "the alert waits until the callback has returned";
     QTRY_COMPARE(env.alerts.shown.size(), 4);
     EXPECT_EQ(shown(env.alerts.shown[3]), "Camera Extension Installed | Vistrel must relaunch for the camera extension to "
                                           "become usable. This only takes a moment. | Relaunch Now");
-    EXPECT_TRUE(installedFlag());
-    EXPECT_EQ(posted, 1);
-    EXPECT_EQ(env.launcher.programs.size(), 1);
-    EXPECT_EQ(env.application.terminateCalls, 1);
+    EXPECT_EQ(effects(), "installed=1 notified=1 relaunched=1 quit=1");
 
     env.defaults->setBool("extensionInstalled", false);
     delegate.requestDidFinishWithResult(sysext::WillCompleteAfterReboot);
@@ -147,12 +133,12 @@ TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQu
     EXPECT_EQ(shown(env.alerts.shown[4]), "Restart Your Computer | The camera extension will finish installing after you "
                                           "restart your computer. Vistrel will now quit — please reboot, then reopen "
                                           "Vistrel. | Quit Vistrel | warning");
-    EXPECT_TRUE(installedFlag());
-    EXPECT_EQ(posted, 1) << "no notification before the reboot";
-    EXPECT_EQ(env.launcher.programs.size(), 1) << "quits without relaunching";
-    EXPECT_EQ(env.application.terminateCalls, 2);
-    EXPECT_EQ(traceMessages().join('\n'), "sysext replace: 0.9 -> 1.0\nsysext needs user approval\n"
-                                         "sysext failed code=3 domain=OSSystemExtensionErrorDomain desc=The helper is missing.\n"
-                                         "sysext failed code=3 domain=NSPOSIXErrorDomain desc=No such process\n"
-                                         "sysext finished result=0\nsysext finished result=1\nsysext finished result=7");
+    EXPECT_EQ(effects(), "installed=1 notified=1 relaunched=1 quit=2") << "no notification before the reboot, no relaunch";
+    QStringList trace;
+    for (const QString &line : QString::fromUtf8(test::readFile(traceLogPath())).split('\n', Qt::SkipEmptyParts))
+        trace << line.section("] ", 1);
+    EXPECT_EQ(trace.join('\n'), "sysext replace: 0.9 -> 1.0\nsysext needs user approval\n"
+                                 "sysext failed code=3 domain=OSSystemExtensionErrorDomain desc=The helper is missing.\n"
+                                 "sysext failed code=3 domain=NSPOSIXErrorDomain desc=No such process\n"
+                                 "sysext finished result=0\nsysext finished result=1\nsysext finished result=7");
 }

@@ -20,29 +20,17 @@ namespace {
 const QString kId = FakeLoopbackMachine::kIdentifier;
 
 // Each answer as one line: "replace 0.9 -> 1.0", "approval", "finished 0", "failed <code> <domain> <text>".
-class RecordingDelegate final : public sysext::ExtensionRequestDelegate
+struct RecordingDelegate final : sysext::ExtensionRequestDelegate
 {
-public:
     QStringList answers;
     int replacement = sysext::Replace;
-
-    int actionForReplacingExtension(const QString &old, const QString &fresh) override
-    {
-        answers << "replace " + old + " -> " + fresh;
-        return replacement;
-    }
+    int actionForReplacingExtension(const QString &old, const QString &fresh) override { return answers << "replace " + old + " -> " + fresh, replacement; }
     void requestNeedsUserApproval() override { answers << "approval"; }
     void requestDidFinishWithResult(int result) override { answers << "finished " + QString::number(result); }
-    void requestDidFailWithError(const sysext::ExtensionRequestError &e) override
-    {
-        answers << QStringLiteral("failed %1 %2 %3").arg(e.code).arg(e.domain, e.description);
-    }
+    void requestDidFailWithError(const sysext::ExtensionRequestError &e) override { answers << QStringLiteral("failed %1 %2 %3").arg(e.code).arg(e.domain, e.description); }
 };
 
-QString failed(int code)
-{
-    return QStringLiteral("failed %1 %2 ").arg(code).arg(sysext::kSystemExtensionErrorDomain);
-}
+QString failed(int code) { return QStringLiteral("failed %1 %2 ").arg(code).arg(sysext::kSystemExtensionErrorDomain); }
 
 class ManagerTest : public ::testing::Test
 {
@@ -52,12 +40,9 @@ protected:
     {
         machine.emplace();
         machine->installModule("0.12.7");
-        config = {.pkexecPath = machine->path("app/pkexec"),
-                  .helperPath = machine->path("app/helper"),
-                  .policyPath = machine->path("app/app.vistrel.Vistrel.policy"),
-                  .extensionsDir = machine->path("share/vistrel/SystemExtensions"),
-                  .helperOwner = ::geteuid(),
-                  .roots = {machine->path("sys"), machine->path("etc"), "/dev"}};
+        config = {.pkexecPath = machine->path("app/pkexec"), .helperPath = machine->path("app/helper"),
+                  .policyPath = machine->path("app/app.vistrel.Vistrel.policy"), .extensionsDir = machine->path("share/vistrel/SystemExtensions"),
+                  .helperOwner = ::geteuid(), .roots = {machine->path("sys"), machine->path("etc"), "/dev"}};
         script("app/helper", "exec '" VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable' --test-root='"
                                  + machine->root() + "' \"$@\"");
         pkexec("exec \"$@\"");
@@ -96,9 +81,8 @@ TEST_F(ManagerTest, AnotherVersionIsReplacedOnConsentAndNothingIsAskedWhenNothin
     machine->write("etc/modprobe.d/" + kId + ".conf",
                    "# vistrel-extension identifier=" + kId + " version=0.9 state=installed\noptions v4l2loopback devices=1 card_label=Vistrel\n");
     const QStringList refused = submit(sysext::RequestKind::Activation, sysext::CancelReplacement);
-    ASSERT_EQ(refused.size(), 2);
-    EXPECT_EQ(refused[0], "replace 0.9 -> 1.0");
-    EXPECT_TRUE(refused[1].startsWith(failed(sysext::RequestCanceled)));
+    EXPECT_TRUE(refused.size() == 2 && refused.join('|').startsWith("replace 0.9 -> 1.0|" + failed(sysext::RequestCanceled)))
+        << refused.join('|').toStdString();
     EXPECT_EQ(pkexecRuns(), 0);
 
     EXPECT_EQ(submit(), (QStringList{"replace 0.9 -> 1.0", "finished 0"}));
@@ -107,20 +91,13 @@ TEST_F(ManagerTest, AnotherVersionIsReplacedOnConsentAndNothingIsAskedWhenNothin
     EXPECT_EQ(pkexecRuns(), 1) << "no password prompt when nothing would change";
 
     EXPECT_EQ(submit(sysext::RequestKind::Deactivation), QStringList{"finished 0"});
-    EXPECT_EQ(pkexecRuns(), 2);
     EXPECT_EQ(submit(sysext::RequestKind::Deactivation), QStringList{"finished 0"});
-    EXPECT_EQ(pkexecRuns(), 2) << "nothing left to remove";
+    EXPECT_EQ(pkexecRuns(), 2) << "one removal, then nothing left to remove";
 }
 
 TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
 {
-    struct Case
-    {
-        const char *name;
-        std::function<void()> setUp;
-        QString answer; // a failure also gives its reason after this
-        int prompts;
-    };
+    struct Case { const char *name; std::function<void()> setUp; QString answer; int prompts; }; // a failure gives a reason after answer
     const QString notInstalled = failed(sysext::UnsupportedParentBundleLocation);
     const Case cases[] = {
         {"prompt dismissed", [&] { pkexec("exit 126"); }, failed(sysext::RequestCanceled), 1},
@@ -130,8 +107,7 @@ TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
         {"key rejected", [&] { machine->rejectModuleKey(); }, "approval", 1},
         // The app is not installed: no password prompt.
         {"helper missing", [&] { config.helperPath = machine->path("app/none"); }, notInstalled, 0},
-        {"helper writable by others", [&] { QFile::setPermissions(config.helperPath, QFile::permissions(config.helperPath) | QFile::WriteOther); },
-         notInstalled, 0},
+        {"helper writable by others", [&] { QFile::setPermissions(config.helperPath, QFile::ReadOwner | QFile::ExeOwner | QFile::WriteOther); }, notInstalled, 0},
         {"helper of another owner (a build tree)", [&] { config.helperOwner = ::geteuid() + 1; }, notInstalled, 0},
         {"policy missing", [&] { QFile::remove(config.policyPath); }, notInstalled, 0},
     };
@@ -139,10 +115,9 @@ TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
         SCOPED_TRACE(c.name);
         SetUp();
         c.setUp();
-        const QStringList answers = submit();
-        ASSERT_EQ(answers.size(), 1);
-        const QString &a = answers[0];
-        EXPECT_TRUE(c.answer.endsWith(' ') ? a.startsWith(c.answer) && a.size() > c.answer.size() : a == c.answer) << a.toStdString();
+        const QString a = submit().join('|'); // exactly one answer
+        EXPECT_TRUE(c.answer.endsWith(' ') ? a.startsWith(c.answer) && a.size() > c.answer.size() && !a.contains('|') : a == c.answer)
+            << a.toStdString();
         EXPECT_EQ(pkexecRuns(), c.prompts);
     }
 }
