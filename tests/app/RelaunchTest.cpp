@@ -10,56 +10,36 @@
 
 using namespace vistrel;
 
-namespace {
-
-class RelaunchTest : public ::testing::Test
+// Finishing onboarding starts the executable alone and quits keeping the flag. A failed
+// start keeps the app running, and quitting while onboarding is still shown then
+// stores "not complete".
+TEST(RelaunchTest, CompletingOnboardingRestartsTheAppOrStaysUpWhenTheStartFails)
 {
-protected:
-    void SetUp() override
-    {
-        QFile::remove(traceLogPath());
-        env.application.onTerminate = [this] { delegate.applicationWillTerminate(); };
-        env.defaults->setBool(QStringLiteral("onboardingComplete"), true); // what Finish stores first
-        delegate.onboardingInProgress = true;
-    }
-    bool onboardingComplete() { return env.defaults->boolForKey(QStringLiteral("onboardingComplete")); }
-    QString trace() { return QString::fromUtf8(test::readFile(traceLogPath())); }
-
+    QFile::remove(traceLogPath());
     test::TestServices env;
-    AppDelegate delegate{env.services};
-};
+    AppDelegate delegate(env.services);
+    env.application.onTerminate = [&] { delegate.applicationWillTerminate(); };
+    const auto trace = [] { return QString::fromUtf8(test::readFile(traceLogPath())); };
+    const QString complete = QStringLiteral("onboardingComplete");
 
-} // namespace
-
-TEST_F(RelaunchTest, CompletingOnboardingTracesThenStartsTheExecutableAloneAndQuitsKeepingTheFlag)
-{
-    delegate.onboardingCompleted();
-    EXPECT_FALSE(delegate.onboardingInProgress);
-    EXPECT_TRUE(trace().endsWith(QStringLiteral("] onboarding completed — restarting app\n")));
-    ASSERT_EQ(env.launcher.programs, QStringList{QStringLiteral("/opt/vistrel/bin/vistrel")});
-    EXPECT_TRUE(env.launcher.argumentLists.first().isEmpty());
-    EXPECT_EQ(env.application.terminateCalls, 1);
-    EXPECT_TRUE(onboardingComplete()) << "the will-terminate handler must not undo a finished onboarding";
-}
-
-TEST_F(RelaunchTest, AFailedRelaunchKeepsTheAppRunningAndQuittingDuringOnboardingForgetsCompletion)
-{
     env.launcher.succeed = false;
     env.launcher.failure = QStringLiteral("Process failed to start: No such file or directory");
+    env.defaults->setBool(complete, true); // what Finish stores first
+    delegate.onboardingInProgress = true;
     delegate.restartApp();
     EXPECT_EQ(env.application.terminateCalls, 0);
-    EXPECT_EQ(trace().count(QStringLiteral("restartApp failed: ")), 1);
     EXPECT_TRUE(trace().endsWith(QStringLiteral("] restartApp failed: Process failed to start: No such file or directory\n")));
-    EXPECT_TRUE(delegate.onboardingInProgress) << "state is left as it was";
+    env.application.terminate();
+    EXPECT_FALSE(env.defaults->boolForKey(complete));
 
-    // Quitting while onboarding is shown stores "not complete"; on the main path it keeps the flag.
-    env.application.terminate();
-    EXPECT_FALSE(onboardingComplete());
-    EXPECT_TRUE(env.defaults->hasKey(QStringLiteral("onboardingComplete")));
-    env.defaults->setBool(QStringLiteral("onboardingComplete"), true);
-    delegate.onboardingInProgress = false;
-    env.application.terminate();
-    EXPECT_TRUE(onboardingComplete());
+    env.launcher.succeed = true;
+    env.defaults->setBool(complete, true);
+    delegate.onboardingCompleted();
+    EXPECT_TRUE(trace().endsWith(QStringLiteral("] onboarding completed — restarting app\n")));
+    EXPECT_EQ(env.launcher.programs.last(), QStringLiteral("/opt/vistrel/bin/vistrel"));
+    EXPECT_TRUE(env.launcher.argumentLists.last().isEmpty());
+    EXPECT_EQ(env.application.terminateCalls, 2);
+    EXPECT_TRUE(env.defaults->boolForKey(complete)) << "the will-terminate handler must not undo a finished onboarding";
 }
 
 TEST(ProcessLauncher, StartsARealDetachedChildAndReportsAFailure)
