@@ -47,8 +47,7 @@ SamplePtr cameraFrame(const QImage &picture, const char *format, const char *col
     GstVideoInfo info;
     gst_video_info_set_format(&info, GST_VIDEO_FORMAT_BGRx, picture.width(), picture.height());
     GstCaps *caps = gst_video_info_to_caps(&info);
-    const QImage packed = picture.copy(); // rows of exactly width * 4 bytes
-    GstBuffer *buffer = gst_buffer_new_memdup(packed.constBits(), packed.sizeInBytes());
+    GstBuffer *buffer = gst_buffer_new_memdup(picture.constBits(), picture.sizeInBytes()); // RGB32 rows: width * 4
     const SamplePtr bgrx(gst_sample_new(buffer, caps, nullptr, nullptr), gst_sample_unref);
     gst_buffer_unref(buffer);
     gst_caps_unref(caps);
@@ -123,11 +122,10 @@ int largestChannelError(const QImage &a, const QImage &b)
 // Full-range BT.601, as JPEG decoders label their frames.
 constexpr const char *kFullRange601 = "1:4:0:0";
 
-// Every layout the output converts itself, each in a matrix and range cameras use
-// (BT.601 limited: USB cameras; full range: JPEG; BT.709 and BT.2020: HD and HDR
-// sources), at even and odd sizes, and shrunk when larger than the largest picture
-// asked: by the whole-number ratios (3:2, 3:1, 2:1), by another (5:4), in height only,
-// or not at all.
+// Every layout converted here, in BT.601 limited and full range (packed layouts take
+// their own path for it); other matrices go through GStreamer's converter, one row for
+// all. Even and odd sizes, and shrunk to the largest picture asked by 3:2, 3:1, 2:1,
+// another ratio (5:4), or in height only.
 TEST(IntakeConversionTest, CameraYuvBecomesThePictureItWasMadeFrom)
 {
     const struct
@@ -135,15 +133,14 @@ TEST(IntakeConversionTest, CameraYuvBecomesThePictureItWasMadeFrom)
         const char *format;
         const char *colorimetry;
         int tolerance; // libyuv's 6-bit BT.601 tables stray up to 7 levels at saturated ends
-    } layouts[] = {{"YUY2", "bt601", 7},       {"YUY2", kFullRange601, 7}, {"UYVY", "bt601", 7},
-                   {"UYVY", "bt709", 1},       {"NV12", "bt601", 7},       {"NV12", "bt709", 1},
-                   {"NV21", "bt601", 7},       {"I420", "bt601", 7},       {"I420", kFullRange601, 7},
-                   {"I420", "bt709", 1},       {"YV12", "bt601", 7},       {"Y42B", "bt601", 7},
-                   {"Y444", kFullRange601, 7}, {"Y444", "bt2020", 1}};
+    } layouts[] = {{"YUY2", "bt601", 7}, {"YUY2", kFullRange601, 7}, {"UYVY", "bt601", 7},
+                   {"NV12", "bt601", 7}, {"NV12", "bt709", 1},       {"NV21", "bt601", 7},
+                   {"I420", "bt601", 7}, {"YV12", "bt601", 7},       {"Y42B", "bt601", 7},
+                   {"Y444", kFullRange601, 7}};
     const QSize largest(160, 90);
-    const std::pair<QSize, QSize> sizes[] = {{{256, 192}, {}},      {{257, 193}, {}},      {{240, 135}, largest},
-                                             {{480, 270}, largest}, {{320, 60}, largest},  {{150, 200}, largest},
-                                             {{200, 100}, largest}, {{100, 80}, largest}};
+    const std::pair<QSize, QSize> sizes[] = {{{256, 192}, {}},     {{257, 193}, {}},      {{240, 135}, largest},
+                                             {{480, 270}, largest}, {{320, 60}, largest}, {{150, 200}, largest},
+                                             {{200, 100}, largest}};
     for (const auto &[size, bound] : sizes) {
         const QImage picture = gradient(size.width(), size.height());
         const QSize expected = bound.isEmpty() ? size : size.boundedTo(bound);
@@ -155,9 +152,6 @@ TEST(IntakeConversionTest, CameraYuvBecomesThePictureItWasMadeFrom)
             Intake intake(gst_sample_get_caps(frame.get()), bound);
             const SamplePtr delivered = intake.deliver(frame);
             ASSERT_TRUE(delivered);
-            // Converted here, not passed on: the pictures come from a pool of their own.
-            EXPECT_NE(gst_sample_get_buffer(delivered.get()), gst_sample_get_buffer(frame.get()));
-            EXPECT_NE(gst_sample_get_buffer(delivered.get())->pool, nullptr);
             const QImage converted = imageFromSample(delivered.get());
             ASSERT_EQ(converted.size(), expected);
             const QImage reference =
@@ -180,10 +174,9 @@ TEST(IntakeConversionTest, PictureFormatPassesAsItIs)
     EXPECT_EQ(imageFromSample(delivered.get()).constBits(), imageFromSample(bgrx.get()).constBits());
 }
 
-// Pictures still held (by the controller, on their way to it) bound the memory: with
-// three held, a new frame is dropped rather than a fourth 8 MB buffer made, and frames
-// flow again once one is let go. A camera that changes size mid-stream gets pictures
-// of the new size.
+// With three pictures held a new frame is dropped rather than a fourth 8 MB buffer
+// made, and frames flow again once one is let go. A camera that changes size
+// mid-stream gets pictures of the new size.
 TEST(IntakeConversionTest, HeldPicturesBoundTheBuffersAndNewSizesAreFollowed)
 {
     const SamplePtr first = cameraFrame(gradient(64, 48), "NV12", "bt601");
