@@ -92,14 +92,6 @@ esac
         if (loopback)
             write(device + QStringLiteral("/max_openers"), QStringLiteral("10\n"));
     }
-    QStringList deviceNames() const
-    {
-        QStringList names;
-        const QDir dir(path(QStringLiteral("sys/class/video4linux")));
-        for (const QString &entry : dir.entryList(QDir::Dirs | QDir::NoDotAndDotDot, QDir::Name))
-            names << read(QStringLiteral("sys/class/video4linux/") + entry + QStringLiteral("/name")).trimmed();
-        return names;
-    }
     QStringList toolLog() const { return read(QStringLiteral("kernel/log")).split(QLatin1Char('\n'), Qt::SkipEmptyParts); }
 
     void write(const QString &relative, const QString &content) const

@@ -44,10 +44,8 @@ bool SimulatedQueue::takeFrame()
             return false;
         SampleBuffer sample = std::move(m_samples.front());
         m_samples.pop_front();
-        if (sample.imageBuffer) {
+        if (sample.imageBuffer)
             m_lastFrame = sample.imageBuffer->image().copy(); // the pool buffer goes back
-            m_digests.push_back(qHashBits(m_lastFrame.constBits(), static_cast<std::size_t>(m_lastFrame.sizeInBytes())));
-        }
         m_lastTime = sample.presentationTimeNs;
         ++m_taken;
     }
@@ -78,12 +76,6 @@ QImage SimulatedQueue::lastFrame() const
 {
     std::lock_guard lock(m_mutex);
     return m_lastFrame;
-}
-
-std::vector<std::size_t> SimulatedQueue::frameDigests() const
-{
-    std::lock_guard lock(m_mutex);
-    return m_digests;
 }
 
 std::int64_t SimulatedQueue::lastPresentationTimeNs() const
@@ -243,7 +235,6 @@ Status SimulatedExtension::copyBufferQueue(ObjectID stream, std::function<void()
 
 Status SimulatedExtension::startStream(ObjectID, ObjectID)
 {
-    ++startStreamCalls;
     return failStartStream ? -1 : 0;
 }
 

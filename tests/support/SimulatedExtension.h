@@ -36,8 +36,6 @@ public:
     int framesEnqueued() const { return m_enqueued.load(); }
     int framesTaken() const { return m_taken.load(); }
     QImage lastFrame() const;
-    // A digest of every frame taken, in order: equal digests are equal pictures.
-    std::vector<std::size_t> frameDigests() const;
     std::int64_t lastPresentationTimeNs() const;
 
 private:
@@ -46,7 +44,6 @@ private:
     mutable std::mutex m_mutex;
     std::deque<vcam::SampleBuffer> m_samples;
     QImage m_lastFrame;
-    std::vector<std::size_t> m_digests;
     std::int64_t m_lastTime = 0;
     std::atomic<int> m_enqueued{0};
     std::atomic<int> m_taken{0};
@@ -85,7 +82,6 @@ public:
     // What happened.
     std::vector<QString> justWrites;
     std::vector<std::uint32_t> justWriteSizes;
-    int startStreamCalls = 0;
     std::shared_ptr<SimulatedQueue> queue;
 
     vcam::ObjectID deviceObject(int index) const;

@@ -20,7 +20,6 @@ inline const QString kVirtualCameraName = QStringLiteral("Vistrel");
 inline const QString kStudioCameraName = QStringLiteral("Studio Camera");
 inline const QString kSuffixedName = QStringLiteral("Vistrel Camera HD");
 inline const QString kUnpluggedName = QStringLiteral("Unplugged Camera");
-inline const QString kMovingName = QStringLiteral("Moving Camera");
 
 } // namespace TestCameraProvider
 } // namespace vistrel::test
