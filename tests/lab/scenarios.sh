@@ -262,8 +262,10 @@ test_freeze() {
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
   expect "the picture is live (vivid picked in the chooser if need be)" pick_vivid
   local a n d size fps run
+  # vivid renders a few pictures a second on a busy emulator (4 in 30 frames seen): three
+  # distinct pictures tell a live camera from a held one.
   frames_md5 30 /tmp/live.md5; read -r n d size fps run <<<"$(md5_stats /tmp/live.md5)"
-  expect "live before Freeze (distinct $d >= 5)" at_least "$d" 5
+  expect "live before Freeze (distinct $d >= 3)" at_least "$d" 3
   a=$(ctl freeze); note "freeze -> $a"
   expect "Freeze pressed (button now reads Unfreeze)" [ "$a" = "ok Unfreeze" ]
   # a camera picture converted just before the press may still land (by design); let it pass
