@@ -40,5 +40,23 @@ TEST_F(EffectsTest, ShutterAlternatesEverySecondFreezeShiftsThePhaseAndStoppingL
     EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Unfreeze"));
 }
 
+// The controller's own toggle shows (bringing the app forward) and hides its window; a
+// controller that found no main window says so and does nothing else.
+TEST_F(EffectsTest, ToggleWindowShowsAndHidesOrSaysTheWindowIsMissing)
+{
+    ASSERT_EQ(vc->window, window.get());
+    vc->toggleWindow();
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_EQ(env.application.activateCalls, 1);
+    vc->toggleWindow();
+    EXPECT_FALSE(window->isVisible());
+
+    ConsoleCapture console;
+    vc->window = nullptr;
+    vc->toggleWindow();
+    EXPECT_EQ(console.lines(), QStringList{QStringLiteral("Erreur : Fenêtre principale non trouvée!")});
+    EXPECT_FALSE(window->isVisible());
+}
+
 } // namespace
 } // namespace vistrel::test
