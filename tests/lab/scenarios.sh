@@ -297,29 +297,30 @@ test_stutter() {
   # runs of identical frames with their durations; a frozen phase is a run of >= 0.6 s
   awk -F', *' '/^#tb/{split($0,x,"/"); tb=1/x[2]} /^[0-9]/{t=$3*tb; if($6!=prev){if(n)print start, last-start+1/30, n; start=t; n=0} n++; last=t; prev=$6}
        END{print start, last-start+1/30, n}' /tmp/stutter.md5 >/tmp/stutter.runs
-  # A frozen second looks longer at the reader than 1 s and a live one shorter: the camera's last
-  # picture before the freeze (vivid gives a new one only every few ticks under emulation) already
-  # repeats. So the phases are judged by their period: one frozen plus one live second.
+  # What the reader sees of a frozen second depends on how often vivid renders (every few
+  # ticks under emulation): the camera's last picture before the freeze already repeats, so a
+  # frozen run starts early, and a live second can show a single new picture that then runs on
+  # into the next frozen one. The end of a frozen run is sharp: the release shows the picture
+  # the camera rendered meanwhile. So the alternation is judged by the ends of frozen runs, and
+  # run lengths only where the capture did not cut the run (not the first, not the last).
   local frozen lens live periods
   frozen=$(awk '$2>=0.6' /tmp/stutter.runs | wc -l)
-  lens=$(awk '$2>=0.6{printf "%.2f ", $2}' /tmp/stutter.runs)
-  live=$(awk '$2>=0.6{if(e)printf "%.2f ", $1-e; e=$1+$2}' /tmp/stutter.runs)
-  periods=$(awk '$2>=0.6{if(s)printf "%.2f ", $1-s; s=$1}' /tmp/stutter.runs)
-  note "frozen phases (s): $lens; live phases between them (s): $live; period (s): $periods"
+  lens=$(sed '1d;$d' /tmp/stutter.runs | awk '$2>=0.6{printf "%.2f ", $2}')
+  live=$(awk '$2>=0.6{if(seen)printf "%.2f ", $1-e; e=$1+$2; seen=1}' /tmp/stutter.runs)
+  periods=$(sed '$d' /tmp/stutter.runs | awk '$2>=0.6{if(seen)printf "%.2f ", $1+$2-e; e=$1+$2; seen=1}')
+  note "frozen runs (s): $lens; live between them (s): $live; between releases (s): $periods"
   expect "at least 3 frozen phases in the frames read ($frozen)" at_least "$frozen" 3
-  # A frozen second reads as at least ~1 s of identical frames, and never as a whole period.
-  expect "frozen phases last 1 s or a little more (0.8..2.4)" sh -c "for v in $lens; do awk -v v=\$v 'BEGIN{exit !(v>=0.8 && v<=2.4)}' || exit 1; done"
-  # How long a live second looks depends on how often vivid renders a new picture, which
-  # under a busy emulator can be once a second: a live second then shows as one changed
-  # frame between two frozen runs. The alternation itself is judged by its period.
-  expect "the alternation repeats every ~2 s (1.6..2.4)" sh -c "[ -n '$periods' ] && for v in $periods; do awk -v v=\$v 'BEGIN{exit !(v>=1.6 && v<=2.4)}' || exit 1; done"
+  # A frozen run holds at least ~1 s of identical frames, and at most a live second's tail
+  # plus the frozen second, never two periods.
+  expect "frozen runs last 1 s or a little more (0.8..2.4)" sh -c "[ -n '$lens' ] && for v in $lens; do awk -v v=\$v 'BEGIN{exit !(v>=0.8 && v<=2.4)}' || exit 1; done"
+  expect "the picture is released every ~2 s (1.6..2.4)" sh -c "[ -n '$periods' ] && for v in $periods; do awk -v v=\$v 'BEGIN{exit !(v>=1.6 && v<=2.4)}' || exit 1; done"
   a=$(ctl stutter); note "stutter -> $a"
   expect "Stop pressed (button reads Stutter again)" [ "$a" = "ok Stutter" ]
   sleep 0.5
   frames_md5 30 /tmp/after-stutter.md5
   local n d size fps run; read -r n d size fps run <<<"$(md5_stats /tmp/after-stutter.md5)"
   expect "after Stop the picture is live (longest identical run $run < 15)" at_most "$run" 14
-  summary "$frozen frozen phases of ${lens}s, live ${live}s, period ${periods}s"
+  summary "$frozen frozen runs, inner ones ${lens}s, live ${live}s, between releases ${periods}s"
 }
 
 # A movie whose brightness ramps up over 2 s: forwards the readers see the ramp rise, backwards fall.
