@@ -59,8 +59,8 @@ session() {
   echo "LAB: loaded version $(cat /sys/module/v4l2loopback/version 2>/dev/null || modinfo -F version v4l2loopback)"
   run_test "exclusive-caps[$label]" test_exclusive_caps
   run_test "streaming-gate[$label]" "test_streaming_gate_$gated" 2
-  run_test "camera-in[$label]" test_camera_in
-  run_test "freeze[$label]" test_freeze
+  run_test "camera-in[$label]" test_camera_in 2
+  run_test "freeze[$label]" test_freeze 2
   if [ "$gated" = no ]; then
     run_test "stutter[$label]" test_stutter 2
     run_test "movie[$label]" test_movie
