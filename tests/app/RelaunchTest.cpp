@@ -1,5 +1,6 @@
 #include "app/AppDelegate.h"
 #include "app/LinuxPlatform.h"
+#include "app/SingleInstance.h"
 #include "app/TraceLog.h"
 
 #include "TestHome.h"
@@ -10,9 +11,10 @@
 
 using namespace vistrel;
 
-// Finishing onboarding starts the executable alone and quits keeping the flag. A failed
-// start keeps the app running, and quitting while onboarding is still shown then
-// stores "not complete".
+// Finishing onboarding starts the executable alone and quits keeping the flag. The new
+// process must be able to claim the single-instance name (or it would defer to the one
+// quitting and leave). A failed start keeps the app running with its claim back, and
+// quitting while onboarding is still shown then stores "not complete".
 TEST(RelaunchTest, CompletingOnboardingRestartsTheAppOrStaysUpWhenTheStartFails)
 {
     QFile::remove(traceLogPath());
@@ -21,6 +23,12 @@ TEST(RelaunchTest, CompletingOnboardingRestartsTheAppOrStaysUpWhenTheStartFails)
     env.application.onTerminate = [&] { delegate.applicationWillTerminate(); };
     const auto trace = [] { return QString::fromUtf8(test::readFile(traceLogPath())); };
     const QString complete = QStringLiteral("onboardingComplete");
+    const QString key = QStringLiteral("vistrel-relaunch-test-%1").arg(QCoreApplication::applicationPid());
+    SingleInstance claim(key);
+    ASSERT_TRUE(claim.listen());
+    delegate.setSingleInstance(&claim);
+    QList<bool> newcomerClaimed;
+    env.launcher.onLaunch = [&] { newcomerClaimed << SingleInstance(key).listen(); };
 
     env.launcher.succeed = false;
     env.launcher.failure = QStringLiteral("Process failed to start: No such file or directory");
@@ -29,6 +37,7 @@ TEST(RelaunchTest, CompletingOnboardingRestartsTheAppOrStaysUpWhenTheStartFails)
     delegate.restartApp();
     EXPECT_EQ(env.application.terminateCalls, 0);
     EXPECT_TRUE(trace().endsWith(QStringLiteral("] restartApp failed: Process failed to start: No such file or directory\n")));
+    EXPECT_TRUE(claim.isListening()) << "a second launch must still find the app that stayed up";
     env.application.terminate();
     EXPECT_FALSE(env.defaults->boolForKey(complete));
 
@@ -39,6 +48,7 @@ TEST(RelaunchTest, CompletingOnboardingRestartsTheAppOrStaysUpWhenTheStartFails)
     EXPECT_EQ(env.launcher.programs.last(), QStringLiteral("/opt/vistrel/bin/vistrel"));
     EXPECT_TRUE(env.launcher.argumentLists.last().isEmpty());
     EXPECT_EQ(env.application.terminateCalls, 2);
+    EXPECT_EQ(newcomerClaimed, (QList<bool>{true, true}));
     EXPECT_TRUE(env.defaults->boolForKey(complete)) << "the will-terminate handler must not undo a finished onboarding";
 }
 

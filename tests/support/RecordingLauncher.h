@@ -1,6 +1,8 @@
 #pragma once
 #include "app/Platform.h"
 
+#include <functional>
+
 namespace vistrel::test {
 
 // A launcher that records what it was asked to start, and succeeds or fails as told.
@@ -11,11 +13,14 @@ public:
     QString failure = QStringLiteral("No such file or directory");
     QStringList programs;
     QList<QStringList> argumentLists;
+    std::function<void()> onLaunch; // runs at the moment of the start
 
     bool launchDetached(const QString &program, const QStringList &arguments, QString *error) override
     {
         programs << program;
         argumentLists << arguments;
+        if (onLaunch)
+            onLaunch();
         if (!succeed && error)
             *error = failure;
         return succeed;
