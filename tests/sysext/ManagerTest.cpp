@@ -89,10 +89,25 @@ TEST_F(ManagerTest, AnotherVersionIsReplacedOnConsentAndNothingIsAskedWhenNothin
     EXPECT_EQ(machine->read("kernel/pkexec-log"), config.helperPath + " activate " + kId + "\n");
     EXPECT_EQ(submit(), QStringList{"finished 0"});
     EXPECT_EQ(pkexecRuns(), 1) << "no password prompt when nothing would change";
+    const QString bootLoad = "etc/modules-load.d/" + kId + ".conf";
+    const QString bootLoadText = machine->read(bootLoad);
+    ASSERT_FALSE(bootLoadText.isEmpty());
 
     EXPECT_EQ(submit(sysext::RequestKind::Deactivation), QStringList{"finished 0"});
     EXPECT_EQ(submit(sysext::RequestKind::Deactivation), QStringList{"finished 0"});
     EXPECT_EQ(pkexecRuns(), 2) << "one removal, then nothing left to remove";
+
+    // The boot-time load file alone (left by an interrupted removal) is still something
+    // to remove, and its absence alone something to install.
+    machine->write(bootLoad, bootLoadText);
+    EXPECT_EQ(submit(sysext::RequestKind::Deactivation), QStringList{"finished 0"});
+    EXPECT_EQ(pkexecRuns(), 3);
+    EXPECT_FALSE(QFileInfo::exists(machine->path(bootLoad)));
+    EXPECT_EQ(submit(), QStringList{"finished 0"});
+    QFile::remove(machine->path(bootLoad));
+    EXPECT_EQ(submit(), QStringList{"finished 0"});
+    EXPECT_EQ(pkexecRuns(), 5);
+    EXPECT_EQ(machine->read(bootLoad), bootLoadText);
 }
 
 TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
