@@ -89,7 +89,9 @@ void AppDelegate::showMainWindowBelowStatusItem()
 void AppDelegate::applicationShouldHandleReopen()
 {
     systemLog(QStringLiteral("reopen requested by a second launch"));
-    if (mainWindowController && mainWindowController->window()) {
+    // During onboarding the camera window stays out of sight (it is never prepared on
+    // that path): the onboarding window is what the user came back for.
+    if (!onboardingInProgress && mainWindowController && mainWindowController->window()) {
         showMainWindowBelowStatusItem();
         return;
     }

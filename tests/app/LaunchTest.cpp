@@ -85,6 +85,14 @@ TEST_F(LaunchTest, DecisionTableChoosesThePathAndTracesIt)
             EXPECT_FALSE(window->isVisible());
             EXPECT_EQ(window->windowFlags().testFlag(Qt::WindowStaysOnTopHint), !c.expectOnboarding) << "the main window floats";
         }
+        // A second launch brings forward what this launch shows: during onboarding that is
+        // the onboarding window, never the camera window.
+        delegate.applicationShouldHandleReopen();
+        if (window)
+            EXPECT_EQ(window->isVisible(), !c.expectOnboarding);
+        const auto topLevels = QApplication::topLevelWidgets();
+        EXPECT_EQ(std::count_if(topLevels.begin(), topLevels.end(), [&](QWidget *w) { return w != window && w->isVisible(); }),
+                  c.expectOnboarding || !window ? 1 : 0);
         qDeleteAll(QApplication::topLevelWidgets());
     }
 }
