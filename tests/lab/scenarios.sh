@@ -294,25 +294,26 @@ test_stutter() {
   local a; a=$(ctl stutter); note "stutter -> $a"
   expect "Stutter pressed (button now reads Stop)" [ "$a" = "ok Stop" ]
   frames_md5 240 /tmp/stutter.md5
-  # runs of identical frames with their durations; a frozen phase is a run of >= 0.6 s
+  # runs of identical frames with their durations
   awk -F', *' '/^#tb/{split($0,x,"/"); tb=1/x[2]} /^[0-9]/{t=$3*tb; if($6!=prev){if(n)print start, last-start+1/30, n; start=t; n=0} n++; last=t; prev=$6}
        END{print start, last-start+1/30, n}' /tmp/stutter.md5 >/tmp/stutter.runs
   # What the reader sees of a frozen second depends on how often vivid renders (every few
   # ticks under emulation): the camera's last picture before the freeze already repeats, so a
   # frozen run starts early, and a live second can show a single new picture that then runs on
-  # into the next frozen one. The end of a frozen run is sharp: the release shows the picture
-  # the camera rendered meanwhile. So the alternation is judged by the ends of frozen runs, and
-  # run lengths only where the capture did not cut the run (not the first, not the last).
+  # into the next frozen one. A frozen second holds one picture for at least 0.8 s at the
+  # reader even at 5 fps; a live picture lasts that long only if vivid stalls for most of a
+  # second (its longest gap seen is ~0.6 s). The end of a frozen run is sharp: the release
+  # shows the picture the camera rendered meanwhile. So the alternation is judged by the ends
+  # of runs of 0.8 s or more, and their lengths only where the capture did not cut the run.
   local frozen lens live periods
-  frozen=$(awk '$2>=0.6' /tmp/stutter.runs | wc -l)
-  lens=$(sed '1d;$d' /tmp/stutter.runs | awk '$2>=0.6{printf "%.2f ", $2}')
-  live=$(awk '$2>=0.6{if(seen)printf "%.2f ", $1-e; e=$1+$2; seen=1}' /tmp/stutter.runs)
-  periods=$(sed '$d' /tmp/stutter.runs | awk '$2>=0.6{if(seen)printf "%.2f ", $1+$2-e; e=$1+$2; seen=1}')
+  frozen=$(awk '$2>=0.8' /tmp/stutter.runs | wc -l)
+  lens=$(sed '1d;$d' /tmp/stutter.runs | awk '$2>=0.8{printf "%.2f ", $2}')
+  live=$(awk '$2>=0.8{if(seen)printf "%.2f ", $1-e; e=$1+$2; seen=1}' /tmp/stutter.runs)
+  periods=$(sed '$d' /tmp/stutter.runs | awk '$2>=0.8{if(seen)printf "%.2f ", $1+$2-e; e=$1+$2; seen=1}')
   note "frozen runs (s): $lens; live between them (s): $live; between releases (s): $periods"
   expect "at least 3 frozen phases in the frames read ($frozen)" at_least "$frozen" 3
-  # A frozen run holds at least ~1 s of identical frames, and at most a live second's tail
-  # plus the frozen second, never two periods.
-  expect "frozen runs last 1 s or a little more (0.8..2.4)" sh -c "[ -n '$lens' ] && for v in $lens; do awk -v v=\$v 'BEGIN{exit !(v>=0.8 && v<=2.4)}' || exit 1; done"
+  # A frozen run holds at most a live second's tail plus the frozen second, never two periods.
+  expect "frozen runs last at most 2.4 s" sh -c "[ -n '$lens' ] && for v in $lens; do awk -v v=\$v 'BEGIN{exit !(v<=2.4)}' || exit 1; done"
   expect "the picture is released every ~2 s (1.6..2.4)" sh -c "[ -n '$periods' ] && for v in $periods; do awk -v v=\$v 'BEGIN{exit !(v>=1.6 && v<=2.4)}' || exit 1; done"
   a=$(ctl stutter); note "stutter -> $a"
   expect "Stop pressed (button reads Stutter again)" [ "$a" = "ok Stutter" ]
