@@ -24,6 +24,12 @@ const libyuv::YuvConstants *libyuvMatrixFor(const GstVideoColorimetry &colorimet
     }
 }
 
+// The bytes of the planes PictureConverter::splitPackedRows writes.
+std::size_t splitPlanesBytes(int width, int height)
+{
+    return static_cast<std::size_t>(width + 2 * ((width + 1) / 2)) * static_cast<std::size_t>(height);
+}
+
 } // namespace
 
 void PictureConverter::reset()
@@ -75,8 +81,7 @@ bool PictureConverter::prepare(GstCaps *caps, QSize largest)
     if (chromaHalfWidth && columnRatio((width + 1) / 2, (pictureWidth + 1) / 2) != m_columnRatio)
         m_columnRatio = ColumnRatio::Other;
     const bool picksBeforeConversion = m_columnRatio != ColumnRatio::Other;
-    m_row.resize(m_shrinking && !picksBeforeConversion ? static_cast<std::size_t>(width) * 4 : 0);
-    m_splitRow.resize(picksBeforeConversion ? static_cast<std::size_t>(width) * 3 : 0);
+    m_row.resize(pictureWidth != width && !picksBeforeConversion ? static_cast<std::size_t>(width) * 4 : 0);
 
     GstVideoInfo &picture = m_picture;
     gst_video_info_set_format(&picture, GST_VIDEO_FORMAT_BGRx, static_cast<guint>(pictureWidth),
@@ -157,6 +162,26 @@ PictureConverter::Planes PictureConverter::Planes::of(const GstVideoFrame &frame
     return planes;
 }
 
+PictureConverter::Planes PictureConverter::splitPackedRows(GstVideoFormat format, const std::uint8_t *packed,
+                                                           int packedStride, int width, int height, std::uint8_t *planes)
+{
+    const int chromaWidth = (width + 1) / 2;
+    Planes split;
+    auto *y = planes;
+    auto *u = y + static_cast<std::ptrdiff_t>(width) * height;
+    auto *v = u + static_cast<std::ptrdiff_t>(chromaWidth) * height;
+    if (format == GST_VIDEO_FORMAT_YUY2)
+        libyuv::YUY2ToI422(packed, packedStride, y, width, u, chromaWidth, v, chromaWidth, width, height);
+    else
+        libyuv::UYVYToI422(packed, packedStride, y, width, u, chromaWidth, v, chromaWidth, width, height);
+    split.y = y;
+    split.u = u;
+    split.v = v;
+    split.yStride = width;
+    split.uStride = split.vStride = chromaWidth;
+    return split;
+}
+
 PictureConverter::Planes PictureConverter::Planes::fromRow(int row) const
 {
     Planes planes = *this;
@@ -212,7 +237,6 @@ GstVideoFormat PictureConverter::pickColumns(const Planes &row, Planes &picked)
 {
     const int width = GST_VIDEO_INFO_WIDTH(&m_in);
     const int pictureWidth = GST_VIDEO_INFO_WIDTH(&m_picture);
-    const int chromaWidth = (width + 1) / 2;
     const int pictureChromaWidth = (pictureWidth + 1) / 2;
     const ColumnRatio ratio = m_columnRatio;
     auto *y = m_pickedRow.data();
@@ -222,37 +246,30 @@ GstVideoFormat PictureConverter::pickColumns(const Planes &row, Planes &picked)
     picked.u = u;
     picked.v = v;
     // The strides are never stepped: a picked row is converted alone.
-    vistrel::camera::pickColumns(ratio, row.y, y, pictureWidth);
 
-    switch (const GstVideoFormat format = GST_VIDEO_INFO_FORMAT(&m_in)) {
+    GstVideoFormat format = GST_VIDEO_INFO_FORMAT(&m_in);
+    Planes source = row;
+    if (format == GST_VIDEO_FORMAT_YUY2 || format == GST_VIDEO_FORMAT_UYVY) {
+        // Split into planes first (one vector pass), then picked as I422.
+        m_planes.resize(splitPlanesBytes(width, 1)); // once
+        source = splitPackedRows(format, row.y, row.yStride, width, 1, m_planes.data());
+        format = GST_VIDEO_FORMAT_Y42B;
+    }
+    vistrel::camera::pickColumns(ratio, source.y, y, pictureWidth);
+    switch (format) {
     case GST_VIDEO_FORMAT_NV12:
     case GST_VIDEO_FORMAT_NV21:
         // The chroma pairs are picked whole, as two-byte samples.
-        vistrel::camera::pickColumns(ratio, reinterpret_cast<const std::uint16_t *>(row.u),
+        vistrel::camera::pickColumns(ratio, reinterpret_cast<const std::uint16_t *>(source.u),
                                      reinterpret_cast<std::uint16_t *>(u), pictureChromaWidth);
         return format;
     case GST_VIDEO_FORMAT_Y444:
-        vistrel::camera::pickColumns(ratio, row.u, u, pictureWidth);
-        vistrel::camera::pickColumns(ratio, row.v, v, pictureWidth);
+        vistrel::camera::pickColumns(ratio, source.u, u, pictureWidth);
+        vistrel::camera::pickColumns(ratio, source.v, v, pictureWidth);
         return format;
-    case GST_VIDEO_FORMAT_YUY2:
-    case GST_VIDEO_FORMAT_UYVY: {
-        // Split into planes first (one vector pass), then picked as I422.
-        auto *splitY = m_splitRow.data();
-        auto *splitU = splitY + width;
-        auto *splitV = splitU + chromaWidth;
-        if (format == GST_VIDEO_FORMAT_YUY2)
-            libyuv::YUY2ToI422(row.y, row.yStride, splitY, width, splitU, chromaWidth, splitV, chromaWidth, width, 1);
-        else
-            libyuv::UYVYToI422(row.y, row.yStride, splitY, width, splitU, chromaWidth, splitV, chromaWidth, width, 1);
-        vistrel::camera::pickColumns(ratio, splitY, y, pictureWidth);
-        vistrel::camera::pickColumns(ratio, splitU, u, pictureChromaWidth);
-        vistrel::camera::pickColumns(ratio, splitV, v, pictureChromaWidth);
-        return GST_VIDEO_FORMAT_Y42B;
-    }
-    default: // I420, YV12, Y42B: one row of any of them is a row of I422
-        vistrel::camera::pickColumns(ratio, row.u, u, pictureChromaWidth);
-        vistrel::camera::pickColumns(ratio, row.v, v, pictureChromaWidth);
+    default: // I420, YV12, Y42B and split packed rows: one row of any of them is a row of I422
+        vistrel::camera::pickColumns(ratio, source.u, u, pictureChromaWidth);
+        vistrel::camera::pickColumns(ratio, source.v, v, pictureChromaWidth);
         return GST_VIDEO_FORMAT_Y42B;
     }
 }
@@ -266,8 +283,6 @@ void PictureConverter::convertRows(GstVideoFormat format, const Planes &in, int 
     const int uStride = in.uStride;
     const auto *v = in.v;
     const int vStride = in.vStride;
-    const auto *packed = in.y;
-    const int packedStride = in.yStride;
     // libyuv's "ARGB" is B,G,R,A in memory: BGRx with an opaque fourth byte.
     switch (format) {
     case GST_VIDEO_FORMAT_I420:
@@ -291,27 +306,16 @@ void PictureConverter::convertRows(GstVideoFormat format, const Planes &in, int 
     case GST_VIDEO_FORMAT_UYVY: {
         // libyuv's packed converters know limited-range BT.601 only; a full-range
         // frame is split into planes first.
-        const bool yuy2 = format == GST_VIDEO_FORMAT_YUY2;
         if (m_matrix == &libyuv::kYuvI601Constants) {
-            if (yuy2)
-                libyuv::YUY2ToARGB(packed, packedStride, bgrx, bgrxStride, width, height);
+            if (format == GST_VIDEO_FORMAT_YUY2)
+                libyuv::YUY2ToARGB(y, yStride, bgrx, bgrxStride, width, height);
             else
-                libyuv::UYVYToARGB(packed, packedStride, bgrx, bgrxStride, width, height);
+                libyuv::UYVYToARGB(y, yStride, bgrx, bgrxStride, width, height);
             break;
         }
-        const int chromaWidth = (width + 1) / 2;
-        m_planes.resize(static_cast<std::size_t>(width + 2 * chromaWidth) * static_cast<std::size_t>(height)); // once
-        std::uint8_t *planeY = m_planes.data();
-        std::uint8_t *planeU = planeY + static_cast<std::size_t>(width) * height;
-        std::uint8_t *planeV = planeU + static_cast<std::size_t>(chromaWidth) * height;
-        if (yuy2)
-            libyuv::YUY2ToI422(packed, packedStride, planeY, width, planeU, chromaWidth, planeV, chromaWidth, width,
-                               height);
-        else
-            libyuv::UYVYToI422(packed, packedStride, planeY, width, planeU, chromaWidth, planeV, chromaWidth, width,
-                               height);
-        libyuv::I422ToARGBMatrix(planeY, width, planeU, chromaWidth, planeV, chromaWidth, bgrx, bgrxStride, m_matrix,
-                                 width, height);
+        m_planes.resize(splitPlanesBytes(width, height)); // once
+        const Planes split = splitPackedRows(format, y, yStride, width, height, m_planes.data());
+        convertRows(GST_VIDEO_FORMAT_Y42B, split, width, height, bgrx, bgrxStride);
         break;
     }
     default:

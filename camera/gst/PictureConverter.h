@@ -56,6 +56,11 @@ private:
         Planes fromRow(int row) const;
     };
 
+    // Splits packed 4:2:2 rows (YUY2 or UYVY) into Y, U and V planes laid one after
+    // the other at `planes`, chroma half as wide.
+    static Planes splitPackedRows(GstVideoFormat format, const std::uint8_t *packed, int packedStride, int width,
+                                  int height, std::uint8_t *planes);
+
     bool prepare(GstCaps *caps, QSize largest);
     void convert(const GstVideoFrame &in, GstVideoFrame &out);
     void convertRows(GstVideoFormat format, const Planes &in, int width, int rows, std::uint8_t *bgrx, int bgrxStride);
@@ -71,8 +76,7 @@ private:
     bool m_shrinking = false;
     ColumnRatio m_columnRatio = ColumnRatio::Other;
     std::vector<std::uint8_t> m_row;       // one converted row at the camera's width
-    std::vector<std::uint8_t> m_splitRow;  // one packed row split into planes
-    std::vector<std::uint8_t> m_pickedRow; // its kept columns, in planes
+    std::vector<std::uint8_t> m_pickedRow; // a row's kept columns, in planes
     bool m_passthrough = true;
     GstVideoInfo m_in{};
     GstVideoInfo m_picture{};
@@ -80,7 +84,7 @@ private:
     GstBufferPool *m_pool = nullptr;
     const libyuv::YuvConstants *m_matrix = nullptr;
     GstVideoConverter *m_exactConverter = nullptr; // for the matrices libyuv approximates
-    std::vector<std::uint8_t> m_planes;            // full-range packed frames, split into 4:2:2 planes
+    std::vector<std::uint8_t> m_planes;            // packed rows split into 4:2:2 planes
 };
 
 } // namespace vistrel::camera
