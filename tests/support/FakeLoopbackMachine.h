@@ -94,9 +94,10 @@ esac
     }
     QStringList toolLog() const { return read(QStringLiteral("kernel/log")).split(QLatin1Char('\n'), Qt::SkipEmptyParts); }
 
+    // Both take a path inside the machine, or one of its absolute paths (modprobeFile()...).
     void write(const QString &relative, const QString &content) const
     {
-        const QString file = path(relative);
+        const QString file = absolute(relative);
         QDir().mkpath(QFileInfo(file).absolutePath());
         QFile out(file);
         out.open(QIODevice::WriteOnly | QIODevice::Truncate);
@@ -104,11 +105,12 @@ esac
     }
     QString read(const QString &relative) const
     {
-        QFile in(relative.startsWith(QLatin1Char('/')) ? relative : path(relative));
+        QFile in(absolute(relative));
         return in.open(QIODevice::ReadOnly) ? QString::fromUtf8(in.readAll()) : QString();
     }
 
 private:
+    QString absolute(const QString &file) const { return file.startsWith(QLatin1Char('/')) ? file : path(file); }
     void writeTool(const QString &relative, const QString &body) const
     {
         write(relative, QStringLiteral("#!/bin/sh\nR=\"$(cd \"$(dirname \"$0\")/..\" && pwd)\"\n") + body);

@@ -124,7 +124,7 @@ TEST_F(HelperProcessTest, FilesOnDiskAreNeverHalfWrittenAndUnexpectedOnesAreLeft
     machine.installModule("0.12.7");
     // An interrupted write.
     const QString old = kRecord + "0.9 state=installed\noptions v4l2loopback devices=1 card_label=Vistrel\n";
-    machine.write("etc/modprobe.d/" + kId + ".conf", old);
+    machine.write(machine.modprobeFile(), old);
     const QDir dir(machine.path("etc/modprobe.d"));
 
     EXPECT_TRUE(run({"--test-root=" + machine.root(), "--test-crash-mid-write", "activate", kId}).crashed);
@@ -144,7 +144,7 @@ TEST_F(HelperProcessTest, FilesOnDiskAreNeverHalfWrittenAndUnexpectedOnesAreLeft
 
     // A file of the same name that Vistrel did not write.
     QFile::remove(machine.modprobeFile());
-    machine.write("etc/modprobe.d/" + kId + ".conf", "options snd x=1\n");
+    machine.write(machine.modprobeFile(), "options snd x=1\n");
     EXPECT_TRUE(helper("deactivate").startsWith("outcome failed 1 "));
     EXPECT_EQ(machine.read(machine.modprobeFile()), "options snd x=1\n");
 

@@ -78,7 +78,7 @@ protected:
 
 TEST_F(ManagerTest, AnotherVersionIsReplacedOnConsentAndNothingIsAskedWhenNothingWouldChange)
 {
-    machine->write("etc/modprobe.d/" + kId + ".conf",
+    machine->write(machine->modprobeFile(),
                    "# vistrel-extension identifier=" + kId + " version=0.9 state=installed\noptions v4l2loopback devices=1 card_label=Vistrel\n");
     const QStringList refused = submit(sysext::RequestKind::Activation, sysext::CancelReplacement);
     EXPECT_TRUE(refused.size() == 2 && refused.join('|').startsWith("replace 0.9 -> 1.0|" + failed(sysext::RequestCanceled)))
@@ -89,7 +89,7 @@ TEST_F(ManagerTest, AnotherVersionIsReplacedOnConsentAndNothingIsAskedWhenNothin
     EXPECT_EQ(machine->read("kernel/pkexec-log"), config.helperPath + " activate " + kId + "\n");
     EXPECT_EQ(submit(), QStringList{"finished 0"});
     EXPECT_EQ(pkexecRuns(), 1) << "no password prompt when nothing would change";
-    const QString bootLoad = "etc/modules-load.d/" + kId + ".conf";
+    const QString bootLoad = machine->modulesLoadFile();
     const QString bootLoadText = machine->read(bootLoad);
     ASSERT_FALSE(bootLoadText.isEmpty());
 
@@ -102,9 +102,9 @@ TEST_F(ManagerTest, AnotherVersionIsReplacedOnConsentAndNothingIsAskedWhenNothin
     machine->write(bootLoad, bootLoadText);
     EXPECT_EQ(submit(sysext::RequestKind::Deactivation), QStringList{"finished 0"});
     EXPECT_EQ(pkexecRuns(), 3);
-    EXPECT_FALSE(QFileInfo::exists(machine->path(bootLoad)));
+    EXPECT_FALSE(QFileInfo::exists(bootLoad));
     EXPECT_EQ(submit(), QStringList{"finished 0"});
-    QFile::remove(machine->path(bootLoad));
+    QFile::remove(bootLoad);
     EXPECT_EQ(submit(), QStringList{"finished 0"});
     EXPECT_EQ(pkexecRuns(), 5);
     EXPECT_EQ(machine->read(bootLoad), bootLoadText);
