@@ -16,11 +16,8 @@ class AppProcess
 public:
     explicit AppProcess(const QString &executable)
     {
-        QDir(home.path()).mkpath(QStringLiteral(".config/Vistrel"));
-        QFile conf(home.filePath(QStringLiteral(".config/Vistrel/Vistrel.conf")));
-        conf.open(QIODevice::WriteOnly);
-        conf.write("[General]\nonboardingComplete=true\nextensionInstalled=true\n");
-        conf.close();
+        vistrel::test::writeFile(home.filePath(QStringLiteral(".config/Vistrel/Vistrel.conf")),
+                        "[General]\nonboardingComplete=true\nextensionInstalled=true\n");
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("HOME"), home.path());
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral(".config")));

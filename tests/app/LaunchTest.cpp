@@ -121,11 +121,9 @@ TEST_F(LaunchTest, AMissingOrWindowlessInterfaceFileShowsTheFallbackWindowAfresh
     EXPECT_TRUE(fallbackWindow()->isVisible());
 
     // A form whose top level is not a main window falls back the same way.
-    QFile ui(emptyShare.filePath(QStringLiteral("Main.ui")));
-    ASSERT_TRUE(ui.open(QIODevice::WriteOnly));
-    ui.write(R"(<?xml version="1.0" encoding="UTF-8"?><ui version="4.0"><class>Form</class>
-<widget class="QWidget" name="form"><widget class="QLabel" name="label"/></widget></ui>)");
-    ui.close();
+    ASSERT_TRUE(test::writeFile(emptyShare.filePath(QStringLiteral("Main.ui")),
+                                R"(<?xml version="1.0" encoding="UTF-8"?><ui version="4.0"><class>Form</class>
+<widget class="QWidget" name="form"><widget class="QLabel" name="label"/></widget></ui>)"));
     qDeleteAll(QApplication::topLevelWidgets());
     AppDelegate withForm(env->services);
     withForm.prepareMainWindow();
@@ -143,9 +141,8 @@ TEST_F(LaunchTest, ReadingTheInterfaceLoadsNoDesignerPluginAndKeepsThePluginFold
     std::unique_ptr<QWidget> window(controller->window()); // the window owns its controller
     EXPECT_EQ(QCoreApplication::libraryPaths(), folders);
 
-    QFile maps(QStringLiteral("/proc/self/maps"));
-    ASSERT_TRUE(maps.open(QIODevice::ReadOnly));
-    const QByteArray mapped = maps.readAll();
+    const QByteArray mapped = test::readFile(QStringLiteral("/proc/self/maps"));
+    ASSERT_FALSE(mapped.isEmpty());
     EXPECT_FALSE(mapped.contains("/designer/")) << "a designer plugin was loaded";
     EXPECT_FALSE(mapped.contains("libQt6Quick")) << "Qt Quick was loaded";
 }

@@ -1,6 +1,7 @@
 // The movie source with real files made at run time: forwards then backwards at each
 // end, failed and stalled files back to the camera, stop, and a second file.
 #include "ControllerFixture.h"
+#include "TestHome.h"
 
 #include "camera/MoviePlayer.h"
 
@@ -76,10 +77,7 @@ TEST_F(MovieSourceTest, PlaysForwardsThenBackwardsAndStops)
 TEST_F(MovieSourceTest, AnUnplayableFileReturnsToTheCameraWithinATick)
 {
     const QString path = QDir(s_movies->path()).filePath(QStringLiteral("notes.mp4"));
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write("These are not the pictures you are looking for.\n");
-    file.close();
+    ASSERT_TRUE(writeFile(path, "These are not the pictures you are looking for.\n"));
     open(path);
     const std::shared_ptr<camera::PlayerItem> item = vc->playerItem;
     // How soon GStreamer gives up is its own affair; what follows is checked.

@@ -4,6 +4,8 @@
 // modinfo, v4l2loopback-ctl) as small shell scripts that change the fake sysfs the
 // way the kernel would. What the "kernel" offers is set with the methods below; every
 // tool run is appended to kernel/log.
+#include "TestHome.h"
+
 #include <QDir>
 #include <QFile>
 #include <QStringList>
@@ -97,11 +99,7 @@ esac
     // Both take a path inside the machine, or one of its absolute paths (modprobeFile()...).
     void write(const QString &relative, const QString &content) const
     {
-        const QString file = absolute(relative);
-        QDir().mkpath(QFileInfo(file).absolutePath());
-        QFile out(file);
-        out.open(QIODevice::WriteOnly | QIODevice::Truncate);
-        out.write(content.toUtf8());
+        writeFile(absolute(relative), content.toUtf8());
     }
     QString read(const QString &relative) const
     {

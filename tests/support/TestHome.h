@@ -1,6 +1,7 @@
 #pragma once
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QString>
 
 namespace vistrel::test {
@@ -22,6 +23,14 @@ inline QByteArray readFile(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return file.readAll();
+}
+
+// Writes the whole file, making its folder first; answers whether all of it was written.
+inline bool writeFile(const QString &path, const QByteArray &content)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size();
 }
 
 } // namespace vistrel::test
