@@ -17,11 +17,10 @@ public:
     explicit AppProcess(const QString &executable)
     {
         vistrel::test::writeFile(home.filePath(QStringLiteral(".config/Vistrel/Vistrel.conf")),
-                        "[General]\nonboardingComplete=true\nextensionInstalled=true\n");
+                                 "[General]\nonboardingComplete=true\nextensionInstalled=true\n");
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("HOME"), home.path());
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral(".config")));
-        env.insert(QStringLiteral("VISTREL_UPDATE_URL"), QStringLiteral("http://127.0.0.1:9/updates/latest.json"));
         process.setProcessEnvironment(env);
         process.setStandardErrorFile(home.filePath(QStringLiteral("errors")));
         process.start(executable);
