@@ -124,8 +124,9 @@ void benchBgraToYuyv(benchmark::State &state)
     vcam::PixelBuffer buffer(1280, 720);
     buffer.image().fill(QColor(200, 120, 40));
     std::vector<std::uint8_t> yuyv(vcam::yuyvFrameBytes(buffer.width(), buffer.height()));
+    vcam::BgraToYuyvConverter converter;
     for (auto _ : state) {
-        vcam::convertBgraToYuyv(buffer, yuyv.data());
+        converter.convert(buffer, yuyv.data());
         benchmark::DoNotOptimize(yuyv.data());
         benchmark::ClobberMemory();
     }

@@ -90,7 +90,7 @@ vcam::Status YuyvWritingQueue::enqueue(vcam::SampleBuffer sample)
 {
     const vcam::PixelBuffer &pixels = *sample.imageBuffer;
     m_yuyv.resize(vcam::yuyvFrameBytes(pixels.width(), pixels.height())); // once: the size never changes
-    vcam::convertBgraToYuyv(pixels, m_yuyv.data());
+    m_toYuyv.convert(pixels, m_yuyv.data());
     return m_inner->enqueue(std::move(sample));
 }
 

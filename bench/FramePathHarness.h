@@ -3,6 +3,7 @@
 #include "bench/SyntheticCamera.h"
 #include "camera/ViewController.h"
 #include "vcam/SimpleQueue.h"
+#include "vcam/v4l2loopback/YuyvConversion.h"
 
 #include <QImage>
 #include <condition_variable>
@@ -57,6 +58,7 @@ public:
 private:
     std::shared_ptr<vcam::SimpleQueue> m_inner;
     std::vector<std::uint8_t> m_yuyv;
+    vcam::BgraToYuyvConverter m_toYuyv;
 };
 
 // A real ViewController linked to the simulated extension (answering "sc=1"), with the

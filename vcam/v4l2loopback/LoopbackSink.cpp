@@ -184,7 +184,7 @@ void LoopbackSink::writeFrames()
             --m_count;
         }
         if (sample.imageBuffer && sample.imageBuffer->width() == kWidth && sample.imageBuffer->height() == kHeight) {
-            convertBgraToYuyv(*sample.imageBuffer, m_yuyv.data());
+            m_toYuyv.convert(*sample.imageBuffer, m_yuyv.data());
             // The pixels are converted: the buffer can go back to the pool now.
             sample.imageBuffer.reset();
             if (::write(m_fd, m_yuyv.data(), m_yuyv.size()) < 0)

@@ -1,6 +1,7 @@
 #pragma once
 #include "vcam/FrameSize.h"
 #include "vcam/SimpleQueue.h"
+#include "vcam/v4l2loopback/YuyvConversion.h"
 
 #include <QString>
 #include <array>
@@ -65,7 +66,9 @@ private:
     int m_head = 0;
     int m_count = 0;
     bool m_stopping = false;
-    std::vector<std::uint8_t> m_yuyv; // touched by the writer thread only once it runs
+    // Touched by the writer thread only once it runs:
+    std::vector<std::uint8_t> m_yuyv;
+    BgraToYuyvConverter m_toYuyv;
     std::atomic<int> m_lastWriteError{0};
     std::thread m_writer;
 };
