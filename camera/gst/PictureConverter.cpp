@@ -24,12 +24,6 @@ const libyuv::YuvConstants *libyuvMatrixFor(const GstVideoColorimetry &colorimet
     }
 }
 
-// The bytes of the planes PictureConverter::splitPackedRows writes.
-std::size_t splitPlanesBytes(int width, int height)
-{
-    return static_cast<std::size_t>(width + 2 * ((width + 1) / 2)) * static_cast<std::size_t>(height);
-}
-
 } // namespace
 
 void PictureConverter::reset()
@@ -162,18 +156,18 @@ PictureConverter::Planes PictureConverter::Planes::of(const GstVideoFrame &frame
     return planes;
 }
 
-PictureConverter::Planes PictureConverter::splitPackedRows(GstVideoFormat format, const std::uint8_t *packed,
-                                                           int packedStride, int width, int height, std::uint8_t *planes)
+PictureConverter::Planes PictureConverter::splitPackedRow(GstVideoFormat format, const std::uint8_t *packed, int width)
 {
     const int chromaWidth = (width + 1) / 2;
-    Planes split;
-    auto *y = planes;
-    auto *u = y + static_cast<std::ptrdiff_t>(width) * height;
-    auto *v = u + static_cast<std::ptrdiff_t>(chromaWidth) * height;
+    m_planes.resize(static_cast<std::size_t>(width + 2 * chromaWidth)); // once: the width never changes
+    auto *y = m_planes.data();
+    auto *u = y + width;
+    auto *v = u + chromaWidth;
     if (format == GST_VIDEO_FORMAT_YUY2)
-        libyuv::YUY2ToI422(packed, packedStride, y, width, u, chromaWidth, v, chromaWidth, width, height);
+        libyuv::YUY2ToI422(packed, width * 2, y, width, u, chromaWidth, v, chromaWidth, width, 1);
     else
-        libyuv::UYVYToI422(packed, packedStride, y, width, u, chromaWidth, v, chromaWidth, width, height);
+        libyuv::UYVYToI422(packed, width * 2, y, width, u, chromaWidth, v, chromaWidth, width, 1);
+    Planes split;
     split.y = y;
     split.u = u;
     split.v = v;
@@ -251,8 +245,7 @@ GstVideoFormat PictureConverter::pickColumns(const Planes &row, Planes &picked)
     Planes source = row;
     if (format == GST_VIDEO_FORMAT_YUY2 || format == GST_VIDEO_FORMAT_UYVY) {
         // Split into planes first (one vector pass), then picked as I422.
-        m_planes.resize(splitPlanesBytes(width, 1)); // once
-        source = splitPackedRows(format, row.y, row.yStride, width, 1, m_planes.data());
+        source = splitPackedRow(format, row.y, width);
         format = GST_VIDEO_FORMAT_Y42B;
     }
     vistrel::camera::pickColumns(ratio, source.y, y, pictureWidth);
@@ -305,7 +298,8 @@ void PictureConverter::convertRows(GstVideoFormat format, const Planes &in, int 
     case GST_VIDEO_FORMAT_YUY2:
     case GST_VIDEO_FORMAT_UYVY: {
         // libyuv's packed converters know limited-range BT.601 only; a full-range
-        // frame is split into planes first.
+        // frame is split into planes first, a row at a time so the split row is still
+        // in the first-level cache when it is converted.
         if (m_matrix == &libyuv::kYuvI601Constants) {
             if (format == GST_VIDEO_FORMAT_YUY2)
                 libyuv::YUY2ToARGB(y, yStride, bgrx, bgrxStride, width, height);
@@ -313,9 +307,11 @@ void PictureConverter::convertRows(GstVideoFormat format, const Planes &in, int 
                 libyuv::UYVYToARGB(y, yStride, bgrx, bgrxStride, width, height);
             break;
         }
-        m_planes.resize(splitPlanesBytes(width, height)); // once
-        const Planes split = splitPackedRows(format, y, yStride, width, height, m_planes.data());
-        convertRows(GST_VIDEO_FORMAT_Y42B, split, width, height, bgrx, bgrxStride);
+        for (int row = 0; row < height; ++row) {
+            const Planes split = splitPackedRow(format, y + static_cast<std::ptrdiff_t>(row) * yStride, width);
+            convertRows(GST_VIDEO_FORMAT_Y42B, split, width, 1, bgrx + static_cast<std::ptrdiff_t>(row) * bgrxStride,
+                        bgrxStride);
+        }
         break;
     }
     default:

@@ -56,10 +56,9 @@ private:
         Planes fromRow(int row) const;
     };
 
-    // Splits packed 4:2:2 rows (YUY2 or UYVY) into Y, U and V planes laid one after
-    // the other at `planes`, chroma half as wide.
-    static Planes splitPackedRows(GstVideoFormat format, const std::uint8_t *packed, int packedStride, int width,
-                                  int height, std::uint8_t *planes);
+    // Splits one packed 4:2:2 row (YUY2 or UYVY) into a Y, a U and a V row laid one
+    // after the other in m_planes, chroma half as wide.
+    Planes splitPackedRow(GstVideoFormat format, const std::uint8_t *packed, int width);
 
     bool prepare(GstCaps *caps, QSize largest);
     void convert(const GstVideoFrame &in, GstVideoFrame &out);
@@ -84,7 +83,7 @@ private:
     GstBufferPool *m_pool = nullptr;
     const libyuv::YuvConstants *m_matrix = nullptr;
     GstVideoConverter *m_exactConverter = nullptr; // for the matrices libyuv approximates
-    std::vector<std::uint8_t> m_planes;            // packed rows split into 4:2:2 planes
+    std::vector<std::uint8_t> m_planes;            // a packed row split into 4:2:2 planes
 };
 
 } // namespace vistrel::camera
