@@ -10,6 +10,7 @@
 #include "TestHome.h"
 #include "TestServices.h"
 #include "app/MainWindowController.h"
+#include "bench/FramePathHarness.h"
 #include "bench/SyntheticCamera.h"
 #include "camera/ViewController.h"
 
@@ -151,6 +152,9 @@ int run(const Options &options)
     std::unique_ptr<QWidget> window(windowController->window());
     ViewController *controller = windowController->contentViewController();
     controller->startVirtualCameraLink();
+    // The device writer's YUYV conversion is the app's work too.
+    if (controller->sinkQueue)
+        controller->sinkQueue = std::make_shared<YuyvWritingQueue>(controller->sinkQueue);
     if (extension.queue) {
         // The reader is the consumer's work, not the app's: started from a thread named
         // for it, it inherits that name and is counted apart.
