@@ -1,5 +1,6 @@
 #pragma once
-#include <QFile>
+#include "TestHome.h"
+
 #include <QString>
 #include <QStringList>
 #include <QTemporaryFile>
@@ -8,38 +9,46 @@
 
 namespace vistrel::test {
 
-// Redirects the process's standard output to a temporary file for its lifetime, so a
-// test can read the console lines the code wrote. Restores the real output on exit.
-class ConsoleCapture
+// Redirects one of the process's standard streams to a temporary file for its
+// lifetime, so a test can read what the code wrote there. Restores the stream on exit.
+class StreamCapture
 {
 public:
-    ConsoleCapture()
+    explicit StreamCapture(std::FILE *stream) : m_stream(stream), m_fd(::fileno(stream))
     {
         m_file.open();
-        std::fflush(stdout);
-        m_savedStdout = ::dup(STDOUT_FILENO);
-        ::dup2(m_file.handle(), STDOUT_FILENO);
+        std::fflush(m_stream);
+        m_saved = ::dup(m_fd);
+        ::dup2(m_file.handle(), m_fd);
     }
-    ~ConsoleCapture()
+    ~StreamCapture()
     {
-        std::fflush(stdout);
-        ::dup2(m_savedStdout, STDOUT_FILENO);
-        ::close(m_savedStdout);
+        std::fflush(m_stream);
+        ::dup2(m_saved, m_fd);
+        ::close(m_saved);
     }
-    ConsoleCapture(const ConsoleCapture &) = delete;
-    ConsoleCapture &operator=(const ConsoleCapture &) = delete;
+    StreamCapture(const StreamCapture &) = delete;
+    StreamCapture &operator=(const StreamCapture &) = delete;
 
+    // Every non-empty line written so far.
     QStringList lines()
     {
-        std::fflush(stdout);
-        QFile reader(m_file.fileName());
-        reader.open(QIODevice::ReadOnly);
-        return QString::fromUtf8(reader.readAll()).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+        std::fflush(m_stream);
+        return QString::fromUtf8(readFile(m_file.fileName())).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     }
 
 private:
+    std::FILE *m_stream;
+    int m_fd;
+    int m_saved = -1;
     QTemporaryFile m_file;
-    int m_savedStdout = -1;
+};
+
+// The console: standard output, where the French status lines go.
+class ConsoleCapture : public StreamCapture
+{
+public:
+    ConsoleCapture() : StreamCapture(stdout) {}
 };
 
 } // namespace vistrel::test

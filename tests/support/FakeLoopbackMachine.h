@@ -103,8 +103,7 @@ esac
     }
     QString read(const QString &relative) const
     {
-        QFile in(absolute(relative));
-        return in.open(QIODevice::ReadOnly) ? QString::fromUtf8(in.readAll()) : QString();
+        return QString::fromUtf8(readFile(absolute(relative)));
     }
 
 private:
