@@ -76,6 +76,10 @@ bool PictureConverter::prepare(GstCaps *caps, QSize largest)
         m_columnRatio = ColumnRatio::Other;
     const bool picksBeforeConversion = m_columnRatio != ColumnRatio::Other;
     m_row.resize(pictureWidth != width && !picksBeforeConversion ? static_cast<std::size_t>(width) * 4 : 0);
+    // A packed row split into planes: Y, then U and V half as wide.
+    const bool packed = GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_YUY2
+                        || GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_UYVY;
+    m_planes.resize(packed ? static_cast<std::size_t>(width + 2 * ((width + 1) / 2)) : 0);
 
     GstVideoInfo &picture = m_picture;
     gst_video_info_set_format(&picture, GST_VIDEO_FORMAT_BGRx, static_cast<guint>(pictureWidth),
@@ -159,7 +163,7 @@ PictureConverter::Planes PictureConverter::Planes::of(const GstVideoFrame &frame
 PictureConverter::Planes PictureConverter::splitPackedRow(GstVideoFormat format, const std::uint8_t *packed, int width)
 {
     const int chromaWidth = (width + 1) / 2;
-    m_planes.resize(static_cast<std::size_t>(width + 2 * chromaWidth)); // once: the width never changes
+    Q_ASSERT(m_planes.size() >= static_cast<std::size_t>(width + 2 * chromaWidth)); // sized by prepare()
     auto *y = m_planes.data();
     auto *u = y + width;
     auto *v = u + chromaWidth;

@@ -56,8 +56,8 @@ private:
         Planes fromRow(int row) const;
     };
 
-    // Splits one packed 4:2:2 row (YUY2 or UYVY) into a Y, a U and a V row laid one
-    // after the other in m_planes, chroma half as wide.
+    // Splits one packed 4:2:2 row (YUY2 or UYVY) of the camera's width into a Y, a U
+    // and a V row laid one after the other in m_planes, chroma half as wide.
     Planes splitPackedRow(GstVideoFormat format, const std::uint8_t *packed, int width);
 
     bool prepare(GstCaps *caps, QSize largest);
