@@ -109,6 +109,7 @@ InstallerPaths InstallerPaths::forSystem(const std::string &executablePath)
     paths.modprobeDir = "/etc/modprobe.d";
     paths.modulesLoadDir = "/etc/modules-load.d";
     paths.sysDir = "/sys";
+    paths.lockFile = "/run/lock/vistrel-camera-extension.lock";
     paths.modprobe = firstExecutable({"/usr/sbin/modprobe", "/sbin/modprobe"});
     paths.modinfo = firstExecutable({"/usr/sbin/modinfo", "/sbin/modinfo"});
     paths.loopbackCtl = firstExecutable({"/usr/bin/v4l2loopback-ctl", "/bin/v4l2loopback-ctl"});
@@ -123,6 +124,7 @@ InstallerPaths InstallerPaths::underRoot(const std::string &root, uid_t owner)
     paths.modprobeDir = root + "/etc/modprobe.d";
     paths.modulesLoadDir = root + "/etc/modules-load.d";
     paths.sysDir = root + "/sys";
+    paths.lockFile = root + "/run/lock/vistrel-camera-extension.lock";
     const auto tool = [&](const std::string &path) { return isExecutable(path) ? path : std::string{}; };
     paths.modprobe = tool(root + "/sbin/modprobe");
     paths.modinfo = tool(root + "/sbin/modinfo");
@@ -313,8 +315,8 @@ bool ExtensionInstaller::prepareInstalledFiles(const std::string &identifier, Bu
     if (!loadBundled(identifier, bundled, failure))
         return false;
     fileName = files::installedFileName(identifier);
-    removeLeftoverTemporaries(m_paths.modprobeDir, fileName);
-    removeLeftoverTemporaries(m_paths.modulesLoadDir, fileName);
+    removeAbandonedTemporaries(m_paths.modprobeDir, fileName);
+    removeAbandonedTemporaries(m_paths.modulesLoadDir, fileName);
     return installedFileIsOurs(m_paths.modprobeDir, identifier, failure)
            && installedFileIsOurs(m_paths.modulesLoadDir, identifier, failure);
 }
