@@ -79,15 +79,10 @@ std::string oneLine(std::string text)
     return text;
 }
 
-std::string optionValue(const std::string &config, const std::string &key)
+// The first item of a comma-separated option value: the one device the helper adds.
+std::string firstItem(const std::string &value)
 {
-    const std::string needle = " " + key + "=";
-    const auto at = config.find(needle);
-    if (at == std::string::npos)
-        return {};
-    const auto start = at + needle.size();
-    const auto end = config.find_first_of(" \t\n", start);
-    return config.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    return value.substr(0, value.find(','));
 }
 
 bool keyRejected(const std::string &output)
@@ -227,16 +222,17 @@ bool ExtensionInstaller::loadBundled(const std::string &identifier, BundledExten
         return false;
     }
     std::string why;
-    if (!files::isSafeModprobeConfig(*modprobe, &why) || !files::isSafeModulesLoadConfig(*modulesLoad, &why)) {
+    const auto options = files::parseModprobeConfig(*modprobe, &why);
+    if (!options || !files::isSafeModulesLoadConfig(*modulesLoad, &why)) {
         failure = Outcome::failed(1, "refusing the module configuration in " + folder + ": " + why);
         return false;
     }
     bundled.modprobeConfig = *modprobe;
     bundled.modulesLoadConfig = *modulesLoad;
-    if (const std::string label = optionValue(*modprobe, "card_label"); !label.empty())
-        bundled.cardLabel = label;
-    if (const std::string caps = optionValue(*modprobe, "exclusive_caps"); !caps.empty())
-        bundled.exclusiveCaps = caps;
+    if (const auto label = options->find("card_label"); label != options->end())
+        bundled.cardLabel = firstItem(label->second);
+    if (const auto caps = options->find("exclusive_caps"); caps != options->end())
+        bundled.exclusiveCaps = firstItem(caps->second);
     return true;
 }
 

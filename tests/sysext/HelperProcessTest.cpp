@@ -162,6 +162,46 @@ TEST_F(HelperProcessTest, FilesOnDiskAreNeverHalfWrittenAndUnexpectedOnesAreLeft
     EXPECT_FALSE(QFileInfo::exists(machine.modprobeFile())) << "refused before anything is written";
 }
 
+TEST_F(HelperProcessTest, OnlyTheOptionsModprobeReadsReachTheLoopbackToolAndHostileOnesAreRefused)
+{
+    // 0.13 in use: the camera is added with v4l2loopback-ctl, from the bundle's options.
+    struct Case { const char *name; QString config; const char *outcome; const char *added; };
+    const Case cases[] = {
+        {"a label in a comment is no option", "# card_label=$(reboot) exclusive_caps=0\n  # card_label=Other\n\n"
+                                              "options v4l2loopback devices=1 card_label=Vistrel exclusive_caps=1\n",
+         "outcome completed", "-n Vistrel -x 1"},
+        {"tabs separate as spaces do", "options\tv4l2loopback\tdevices=1 \tcard_label=Vistrel\texclusive_caps=0\n",
+         "outcome completed", "-n Vistrel -x 0"},
+        {"a label an option of the tool", "options v4l2loopback card_label=--help\n", "outcome failed 1 refusing", nullptr},
+        {"caps neither 0 nor 1", "options v4l2loopback card_label=Vistrel exclusive_caps=2\n", "outcome failed 1 refusing", nullptr},
+        {"caps not a number", "options v4l2loopback card_label=Vistrel exclusive_caps=yes\n", "outcome failed 1 refusing", nullptr},
+        {"devices not a number", "options v4l2loopback devices=one card_label=Vistrel\n", "outcome failed 1 refusing", nullptr},
+        {"video_nr not numbers", "options v4l2loopback video_nr=10,x card_label=Vistrel\n", "outcome failed 1 refusing", nullptr},
+        {"a label longer than a device name", "options v4l2loopback card_label=" + QString(40, 'V') + "\n", "outcome failed 1 refusing", nullptr},
+        // modprobe would hand the words after '#' to the kernel as options.
+        {"a comment after an option", "options v4l2loopback devices=1 # card_label=Other\n", "outcome failed 1 refusing", nullptr},
+        // modprobe joins the next line to a line ending in a backslash, comment or not.
+        {"a continued comment", "# note \\\noptions v4l2loopback card_label=Vistrel\n", "outcome failed 1 refusing", nullptr},
+        {"a key set twice", "options v4l2loopback card_label=Vistrel\noptions v4l2loopback card_label=Other\n", "outcome failed 1 refusing", nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        FakeLoopbackMachine m;
+        m.loadModule("0.13.2", "OBS Virtual Camera", 1);
+        m.write("share/vistrel/SystemExtensions/" + kId + "/modprobe.conf", c.config);
+        const QString out = ::helper(m, "activate");
+        EXPECT_TRUE(out.startsWith(c.outcome)) << out.toStdString();
+        const QStringList added = m.toolLog().filter("v4l2loopback-ctl");
+        if (c.added) {
+            EXPECT_EQ(added.join('|').toStdString(), std::string("v4l2loopback-ctl add ") + c.added);
+            EXPECT_TRUE(m.read(m.modprobeFile()).endsWith(c.config)) << "installed as bundled";
+        } else {
+            EXPECT_TRUE(added.isEmpty()) << added.join('|').toStdString();
+            EXPECT_FALSE(QFileInfo::exists(m.modprobeFile()));
+        }
+    }
+}
+
 TEST_F(HelperProcessTest, RunsTakeTurnsSoParallelRequestsLeaveEtcWhole)
 {
     machine.installModule("0.12.7");
