@@ -208,14 +208,17 @@ bool ExtensionInstaller::loadBundled(const std::string &identifier, BundledExten
             return false;
         }
     }
-    std::string error;
-    const auto manifest = readRegularFile(manifestPath, &error);
-    const auto modprobe = readRegularFile(modprobePath, &error);
-    const auto modulesLoad = readRegularFile(modulesLoadPath, &error);
-    if (!manifest || !modprobe || !modulesLoad) {
-        failure = Outcome::failed(1, "cannot read the camera extension in " + folder + (error.empty() ? "" : ": " + error));
+    // Stops at the first file that cannot be read, with its reason.
+    const auto read = [&](const std::string &path, std::optional<std::string> &content) {
+        std::string error;
+        content = readRegularFile(path, &error);
+        if (!content)
+            failure = Outcome::failed(1, "cannot read the camera extension in " + folder + (error.empty() ? "" : ": " + error));
+        return content.has_value();
+    };
+    std::optional<std::string> manifest, modprobe, modulesLoad;
+    if (!read(manifestPath, manifest) || !read(modprobePath, modprobe) || !read(modulesLoadPath, modulesLoad))
         return false;
-    }
     bundled.manifest = files::parseManifest(*manifest);
     if (bundled.manifest.identifier != identifier || bundled.manifest.shortVersion.empty()) {
         failure = Outcome::failed(1, "the manifest in " + folder + " does not describe " + identifier);

@@ -202,6 +202,16 @@ TEST_F(HelperProcessTest, OnlyTheOptionsModprobeReadsReachTheLoopbackToolAndHost
     }
 }
 
+TEST_F(HelperProcessTest, ABundleWithTwoFaultsIsReportedByTheFirst)
+{
+    const QString bundle = "share/vistrel/SystemExtensions/" + kId + "/";
+    machine.write(bundle + "manifest", QString(70 * 1024, '#'));
+    machine.write(bundle + "modprobe.conf", QString(70 * 1024, '#'));
+    const QString out = helper("activate");
+    EXPECT_TRUE(out.startsWith("outcome failed 1 ") && out.contains(bundle + "manifest") && !out.contains("modprobe.conf"))
+        << out.toStdString();
+}
+
 TEST_F(HelperProcessTest, RunsTakeTurnsSoParallelRequestsLeaveEtcWhole)
 {
     machine.installModule("0.12.7");
