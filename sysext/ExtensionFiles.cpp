@@ -68,12 +68,44 @@ bool isComment(std::string_view line)
     return line.empty() || line.front() == '#';
 }
 
-bool isPlainOptionValue(std::string_view value)
+// Comma-separated items, none empty, each accepted by `item`.
+template<typename Item>
+bool isListOf(std::string_view value, Item item)
 {
-    if (value.empty() || value.size() > 64)
+    for (;;) {
+        const auto comma = value.find(',');
+        if (!item(value.substr(0, comma)))
+            return false;
+        if (comma == std::string_view::npos)
+            return true;
+        value.remove_prefix(comma + 1);
+    }
+}
+
+bool isNumber(std::string_view text)
+{
+    return !text.empty() && text.size() <= 9 && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+// What v4l2loopback takes as each option, as far as the camera needs it.
+bool isValidOptionValue(std::string_view key, std::string_view value)
+{
+    if (value.size() > 128)
         return false;
-    return std::all_of(value.begin(), value.end(),
-                       [](char c) { return isAsciiAlnum(c) || c == '_' || c == '-' || c == ','; });
+    if (key == "card_label") {
+        return isListOf(value, [](std::string_view label) {
+            // A V4L2 device name holds 31 characters; a leading '-' would read as an option of v4l2loopback-ctl.
+            return !label.empty() && label.size() <= 31 && label.front() != '-'
+                   && std::all_of(label.begin(), label.end(), [](char c) {
+                          return isAsciiAlnum(c) || std::string_view("_-.+:@").find(c) != std::string_view::npos;
+                      });
+        });
+    }
+    if (key == "exclusive_caps")
+        return isListOf(value, [](std::string_view flag) { return flag == "0" || flag == "1"; });
+    if (key == "video_nr")
+        return isListOf(value, [](std::string_view nr) { return isNumber(nr.starts_with('-') ? nr.substr(1) : nr); });
+    return isNumber(value);
 }
 
 } // namespace
@@ -122,29 +154,42 @@ Manifest parseManifest(std::string_view text)
     return manifest;
 }
 
-bool isSafeModprobeConfig(std::string_view text, std::string *why)
+std::optional<ModuleOptions> parseModprobeConfig(std::string_view text, std::string *why)
 {
     static constexpr std::array<std::string_view, 8> kKeys = {
         "devices", "video_nr", "card_label", "exclusive_caps", "max_buffers", "max_openers", "max_width", "max_height"};
+    const auto refuse = [why](std::string message) {
+        fail(why, std::move(message));
+        return std::nullopt;
+    };
+    ModuleOptions options;
     bool sawOptions = false;
     for (std::string_view line : lines(text)) {
+        // modprobe joins the next line to this one, even to a comment.
+        if (trim(line).ends_with('\\'))
+            return refuse("a line continued with a backslash: " + std::string(trim(line)));
         if (isComment(line))
             continue;
         const auto parts = words(line);
         if (parts.size() < 3 || parts[0] != "options" || parts[1] != kModuleName)
-            return fail(why, "only \"options v4l2loopback ...\" lines are allowed, found: " + std::string(trim(line)));
+            return refuse("only \"options v4l2loopback ...\" lines are allowed, found: " + std::string(trim(line)));
         for (std::size_t i = 2; i < parts.size(); ++i) {
+            // modprobe passes the words after a '#' on as options: a comment has a line of its own.
+            if (parts[i].starts_with('#'))
+                return refuse("a comment must be on a line of its own: " + std::string(trim(line)));
             const auto equals = parts[i].find('=');
             const std::string_view key = parts[i].substr(0, equals);
             if (equals == std::string_view::npos || std::find(kKeys.begin(), kKeys.end(), key) == kKeys.end()
-                || !isPlainOptionValue(parts[i].substr(equals + 1)))
-                return fail(why, "option not allowed: " + std::string(parts[i]));
+                || !isValidOptionValue(key, parts[i].substr(equals + 1)))
+                return refuse("option not allowed: " + std::string(parts[i]));
+            if (!options.emplace(key, parts[i].substr(equals + 1)).second)
+                return refuse("option set twice: " + std::string(key));
         }
         sawOptions = true;
     }
     if (!sawOptions)
-        return fail(why, "no \"options v4l2loopback\" line");
-    return true;
+        return refuse("no \"options v4l2loopback\" line");
+    return options;
 }
 
 bool isSafeModulesLoadConfig(std::string_view text, std::string *why)

@@ -3,6 +3,8 @@
 // the bundle's manifest, the module configuration it installs, and the first line
 // the helper writes into each installed file, which turns that file into the
 // system's record of the extension. Standard library only: the helper links no Qt.
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,11 +36,20 @@ bool isValidIdentifier(std::string_view identifier);
 // Letters, digits and ".+~-", starting with a digit, at most 64 characters.
 bool isValidVersion(std::string_view version);
 
-// A modprobe.d fragment that only sets options of v4l2loopback: comments, blank lines
-// and "options v4l2loopback key=value ..." with known keys and plain values. Anything
-// else (an "install" command, another module, a quoted or odd value) is refused: the
-// helper copies this file into /etc as root. `why` tells what was wrong.
-bool isSafeModprobeConfig(std::string_view text, std::string *why = nullptr);
+// The v4l2loopback options a modprobe.d fragment sets, key to value.
+using ModuleOptions = std::map<std::string, std::string, std::less<>>;
+
+// Reads a modprobe.d fragment that only sets options of v4l2loopback, as modprobe
+// reads it: lines whose first non-blank is '#' are comments, blank lines are skipped,
+// words are separated by spaces or tabs, and every other line is "options v4l2loopback
+// key=value ...". Only known keys, each at most once, with values of their kind:
+// numbers, a list of numbers for video_nr, a list of 0s and 1s for exclusive_caps, and
+// for card_label a list of device names of letters, digits and "_-.+:@" (at most 31
+// characters, not starting with '-'); lists are comma-separated. Anything else (an "install" command, another module, a quote, a
+// '#' after an option, a line continued with a backslash) is refused: the helper
+// copies this file into /etc as root and hands the label to v4l2loopback-ctl. Nothing,
+// with the reason in `why`, when refused.
+std::optional<ModuleOptions> parseModprobeConfig(std::string_view text, std::string *why = nullptr);
 // A modules-load.d fragment naming only v4l2loopback.
 bool isSafeModulesLoadConfig(std::string_view text, std::string *why = nullptr);
 

@@ -67,7 +67,30 @@ HelperExtensionManager::HelperExtensionManager(Config config, QObject *parent)
 
 void HelperExtensionManager::submitRequest(ExtensionRequest request)
 {
-    QMetaObject::invokeMethod(this, [this, request] { run(request); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this,
+        [this, request] {
+            m_waiting.push_back(request);
+            runNext();
+        },
+        Qt::QueuedConnection);
+}
+
+void HelperExtensionManager::runNext()
+{
+    // Each request is judged on the state the one before it left.
+    while (!m_helperRunning && !m_waiting.empty()) {
+        const ExtensionRequest request = m_waiting.front();
+        m_waiting.pop_front();
+        run(request);
+    }
+}
+
+void HelperExtensionManager::helperGone(QProcess *process)
+{
+    process->deleteLater();
+    m_helperRunning = false;
+    QMetaObject::invokeMethod(this, &HelperExtensionManager::runNext, Qt::QueuedConnection);
 }
 
 void HelperExtensionManager::fail(const ExtensionRequest &request, int code, const QString &description)
@@ -154,14 +177,15 @@ void HelperExtensionManager::startHelper(const ExtensionRequest &request)
     process->setStandardInputFile(QProcess::nullDevice());
     connect(process, &QProcess::finished, this, [this, request, process] {
         helperFinished(request, process);
-        process->deleteLater();
+        helperGone(process);
     });
-    connect(process, &QProcess::errorOccurred, this, [request, process](QProcess::ProcessError error) {
+    connect(process, &QProcess::errorOccurred, this, [this, request, process](QProcess::ProcessError error) {
         if (error != QProcess::FailedToStart)
             return;
         fail(request, UnknownError, QStringLiteral("pkexec could not be started: ") + process->errorString());
-        process->deleteLater();
+        helperGone(process);
     });
+    m_helperRunning = true;
     process->start();
 }
 

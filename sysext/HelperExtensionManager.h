@@ -4,6 +4,7 @@
 #include "sysext/ExtensionManager.h"
 
 #include <QObject>
+#include <deque>
 #include <sys/types.h>
 
 class QProcess;
@@ -13,7 +14,9 @@ namespace vistrel::sysext {
 // Installs and removes the camera extension through the privileged helper, started
 // with pkexec. A request that would change nothing (the bundled configuration is
 // installed and its camera is there, or nothing is left to remove) finishes at once
-// without asking for a password. All answers arrive later on the main thread.
+// without asking for a password. One helper runs at a time: a request submitted while
+// one runs waits for it, and is then looked at afresh. All answers arrive later on the
+// main thread.
 class HelperExtensionManager final : public QObject, public ExtensionManager
 {
     Q_OBJECT
@@ -37,14 +40,18 @@ public:
     void submitRequest(ExtensionRequest request) override;
 
 private:
+    void runNext();
     void run(const ExtensionRequest &request);
     bool alreadyDone(const ExtensionRequest &request, const QString &bundledVersion) const;
     std::optional<QString> installationProblem() const;
     void startHelper(const ExtensionRequest &request);
     void helperFinished(const ExtensionRequest &request, QProcess *process);
+    void helperGone(QProcess *process);
     static void fail(const ExtensionRequest &request, int code, const QString &description);
 
     Config m_config;
+    std::deque<ExtensionRequest> m_waiting;
+    bool m_helperRunning = false;
 };
 
 } // namespace vistrel::sysext

@@ -79,15 +79,10 @@ std::string oneLine(std::string text)
     return text;
 }
 
-std::string optionValue(const std::string &config, const std::string &key)
+// The first item of a comma-separated option value: the one device the helper adds.
+std::string firstItem(const std::string &value)
 {
-    const std::string needle = " " + key + "=";
-    const auto at = config.find(needle);
-    if (at == std::string::npos)
-        return {};
-    const auto start = at + needle.size();
-    const auto end = config.find_first_of(" \t\n", start);
-    return config.substr(start, end == std::string::npos ? std::string::npos : end - start);
+    return value.substr(0, value.find(','));
 }
 
 bool keyRejected(const std::string &output)
@@ -109,6 +104,7 @@ InstallerPaths InstallerPaths::forSystem(const std::string &executablePath)
     paths.modprobeDir = "/etc/modprobe.d";
     paths.modulesLoadDir = "/etc/modules-load.d";
     paths.sysDir = "/sys";
+    paths.lockFile = "/run/lock/vistrel-camera-extension.lock";
     paths.modprobe = firstExecutable({"/usr/sbin/modprobe", "/sbin/modprobe"});
     paths.modinfo = firstExecutable({"/usr/sbin/modinfo", "/sbin/modinfo"});
     paths.loopbackCtl = firstExecutable({"/usr/bin/v4l2loopback-ctl", "/bin/v4l2loopback-ctl"});
@@ -123,6 +119,7 @@ InstallerPaths InstallerPaths::underRoot(const std::string &root, uid_t owner)
     paths.modprobeDir = root + "/etc/modprobe.d";
     paths.modulesLoadDir = root + "/etc/modules-load.d";
     paths.sysDir = root + "/sys";
+    paths.lockFile = root + "/run/lock/vistrel-camera-extension.lock";
     const auto tool = [&](const std::string &path) { return isExecutable(path) ? path : std::string{}; };
     paths.modprobe = tool(root + "/sbin/modprobe");
     paths.modinfo = tool(root + "/sbin/modinfo");
@@ -211,30 +208,34 @@ bool ExtensionInstaller::loadBundled(const std::string &identifier, BundledExten
             return false;
         }
     }
-    std::string error;
-    const auto manifest = readRegularFile(manifestPath, &error);
-    const auto modprobe = readRegularFile(modprobePath, &error);
-    const auto modulesLoad = readRegularFile(modulesLoadPath, &error);
-    if (!manifest || !modprobe || !modulesLoad) {
-        failure = Outcome::failed(1, "cannot read the camera extension in " + folder + (error.empty() ? "" : ": " + error));
+    // Stops at the first file that cannot be read, with its reason.
+    const auto read = [&](const std::string &path, std::optional<std::string> &content) {
+        std::string error;
+        content = readRegularFile(path, &error);
+        if (!content)
+            failure = Outcome::failed(1, "cannot read the camera extension in " + folder + (error.empty() ? "" : ": " + error));
+        return content.has_value();
+    };
+    std::optional<std::string> manifest, modprobe, modulesLoad;
+    if (!read(manifestPath, manifest) || !read(modprobePath, modprobe) || !read(modulesLoadPath, modulesLoad))
         return false;
-    }
     bundled.manifest = files::parseManifest(*manifest);
     if (bundled.manifest.identifier != identifier || bundled.manifest.shortVersion.empty()) {
         failure = Outcome::failed(1, "the manifest in " + folder + " does not describe " + identifier);
         return false;
     }
     std::string why;
-    if (!files::isSafeModprobeConfig(*modprobe, &why) || !files::isSafeModulesLoadConfig(*modulesLoad, &why)) {
+    const auto options = files::parseModprobeConfig(*modprobe, &why);
+    if (!options || !files::isSafeModulesLoadConfig(*modulesLoad, &why)) {
         failure = Outcome::failed(1, "refusing the module configuration in " + folder + ": " + why);
         return false;
     }
     bundled.modprobeConfig = *modprobe;
     bundled.modulesLoadConfig = *modulesLoad;
-    if (const std::string label = optionValue(*modprobe, "card_label"); !label.empty())
-        bundled.cardLabel = label;
-    if (const std::string caps = optionValue(*modprobe, "exclusive_caps"); !caps.empty())
-        bundled.exclusiveCaps = caps;
+    if (const auto label = options->find("card_label"); label != options->end())
+        bundled.cardLabel = firstItem(label->second);
+    if (const auto caps = options->find("exclusive_caps"); caps != options->end())
+        bundled.exclusiveCaps = firstItem(caps->second);
     return true;
 }
 
@@ -313,8 +314,8 @@ bool ExtensionInstaller::prepareInstalledFiles(const std::string &identifier, Bu
     if (!loadBundled(identifier, bundled, failure))
         return false;
     fileName = files::installedFileName(identifier);
-    removeLeftoverTemporaries(m_paths.modprobeDir, fileName);
-    removeLeftoverTemporaries(m_paths.modulesLoadDir, fileName);
+    removeAbandonedTemporaries(m_paths.modprobeDir, fileName);
+    removeAbandonedTemporaries(m_paths.modulesLoadDir, fileName);
     return installedFileIsOurs(m_paths.modprobeDir, identifier, failure)
            && installedFileIsOurs(m_paths.modulesLoadDir, identifier, failure);
 }

@@ -17,10 +17,11 @@ struct InstallerPaths
     std::string modprobeDir;   // /etc/modprobe.d
     std::string modulesLoadDir; // /etc/modules-load.d
     std::string sysDir;        // /sys
+    std::string lockFile;      // /run/lock/vistrel-camera-extension.lock: one run at a time
     std::string modprobe;      // absolute paths of the tools; empty when absent
     std::string modinfo;
     std::string loopbackCtl;
-    uid_t trustedOwner = 0;    // who must own the bundle files the helper reads
+    uid_t trustedOwner = 0;    // who must own the bundle files the helper reads, and the lock file
 
     static InstallerPaths forSystem(const std::string &executablePath);
     static InstallerPaths underRoot(const std::string &root, uid_t owner);

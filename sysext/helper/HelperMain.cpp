@@ -7,14 +7,18 @@
 //
 // It prints exactly one line on standard output ("outcome ..." or "status ...") and
 // explanations on standard error. The configuration it installs comes from its own
-// installation; every path it touches is fixed. A test build (VISTREL_HELPER_TESTABLE)
-// also accepts "--test-root=<folder>" first, which moves every one of those paths
-// under that folder, and "--test-crash-mid-write", which kills it half-way through
-// its first file write. The installed helper has neither.
+// installation; every path it touches is fixed. activate and deactivate take turns:
+// each holds /run/lock/vistrel-camera-extension.lock while it works, and a run that
+// cannot have it within 30 seconds fails and changes nothing. A test build
+// (VISTREL_HELPER_TESTABLE) also accepts "--test-root=<folder>" first, which moves
+// every one of those paths under that folder, then "--test-crash-mid-write", which
+// kills it half-way through its first file write, and "--test-lock-wait=<ms>", which
+// shortens that wait. The installed helper has none of them.
 #include "sysext/ExtensionFiles.h"
 #include "sysext/helper/ExtensionInstaller.h"
 #include "sysext/helper/SafeFiles.h"
 
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -29,6 +33,7 @@ namespace {
 
 constexpr int kExitOk = 0;
 constexpr int kExitUsage = 2;
+constexpr std::chrono::milliseconds kLockWait{30000};
 
 int answer(const helper::Outcome &outcome, int exitStatus = kExitOk)
 {
@@ -62,6 +67,7 @@ int main(int argc, char **argv)
 
     bool system = true;
     helper::InstallerPaths paths;
+    std::chrono::milliseconds lockWait = kLockWait;
 #ifdef VISTREL_HELPER_TESTABLE
     if (!args.empty() && args.front().starts_with("--test-root=")) {
         const std::string root = args.front().substr(12);
@@ -73,6 +79,10 @@ int main(int argc, char **argv)
     }
     if (!args.empty() && args.front() == "--test-crash-mid-write") {
         helper::setCrashInTheMiddleOfWrites(true);
+        args.erase(args.begin());
+    }
+    if (!args.empty() && args.front().starts_with("--test-lock-wait=")) {
+        lockWait = std::chrono::milliseconds(std::atoi(args.front().c_str() + 17));
         args.erase(args.begin());
     }
 #endif
@@ -99,5 +109,17 @@ int main(int argc, char **argv)
     }
     if (system && ::geteuid() != 0)
         return answer(helper::Outcome::failed(13, "administrator rights are required: run through pkexec"));
+    // Two runs at once would interleave their changes to /etc and the module.
+    helper::ExclusiveLock lock;
+    std::string lockError;
+    switch (lock.acquire(paths.lockFile, paths.trustedOwner, lockWait, &lockError)) {
+    case helper::ExclusiveLock::Result::Locked: break;
+    case helper::ExclusiveLock::Result::StillHeld:
+        return answer(helper::Outcome::failed(
+            1, "another camera extension request is still running: " + lockError + " after "
+                   + (lockWait.count() % 1000 == 0 ? std::to_string(lockWait.count() / 1000) + " s"
+                                                   : std::to_string(lockWait.count()) + " ms")));
+    case helper::ExclusiveLock::Result::Refused: return answer(helper::Outcome::failed(1, lockError));
+    }
     return answer(verb == "activate" ? installer.activate(identifier) : installer.deactivate(identifier));
 }

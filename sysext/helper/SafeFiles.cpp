@@ -5,7 +5,9 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace vistrel::sysext::helper {
@@ -141,11 +143,15 @@ bool writeFileAtomically(const std::string &dir, const std::string &name, const 
     const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
     if (fd < 0)
         return fail(error, errnoText("cannot create a temporary file in", dir));
+    // Removed by its exact name on every way out; held locked until then so that no
+    // other run takes it for an abandoned one.
     const auto abandon = [&](const std::string &message) {
-        ::close(fd);
         ::unlink(temporary.c_str());
+        ::close(fd);
         return fail(error, message);
     };
+    if (::flock(fd, LOCK_EX | LOCK_NB) != 0)
+        return abandon(errnoText("cannot lock", temporary));
     if (::fchmod(fd, 0644) != 0)
         return abandon(errnoText("cannot set the mode of", temporary));
     std::size_t firstPart = content.size();
@@ -161,15 +167,9 @@ bool writeFileAtomically(const std::string &dir, const std::string &name, const 
         return abandon(errnoText("cannot write", temporary));
     if (::fsync(fd) != 0)
         return abandon(errnoText("cannot flush", temporary));
-    if (::close(fd) != 0) {
-        ::unlink(temporary.c_str());
-        return fail(error, errnoText("cannot close", temporary));
-    }
-    if (::rename(temporary.c_str(), target.c_str()) != 0) {
-        const std::string message = errnoText("cannot replace", target);
-        ::unlink(temporary.c_str());
-        return fail(error, message);
-    }
+    if (::rename(temporary.c_str(), target.c_str()) != 0)
+        return abandon(errnoText("cannot replace", target));
+    ::close(fd); // the content is on disk already: fsync above
     syncFolder(dir);
     return true;
 }
@@ -188,7 +188,7 @@ bool removeRegularFile(const std::string &dir, const std::string &name, std::str
     return true;
 }
 
-void removeLeftoverTemporaries(const std::string &dir, const std::string &name)
+void removeAbandonedTemporaries(const std::string &dir, const std::string &name)
 {
     DIR *folder = ::opendir(dir.c_str());
     if (!folder)
@@ -198,12 +198,58 @@ void removeLeftoverTemporaries(const std::string &dir, const std::string &name)
         const std::string entryName = entry->d_name;
         if (entryName.size() != prefix.size() + 6 || entryName.compare(0, prefix.size(), prefix) != 0)
             continue;
-        struct stat info {};
         const std::string path = dir + "/" + entryName;
-        if (::lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode))
+        const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+        if (fd < 0)
+            continue;
+        // A writer holds its temporary locked until it is renamed or removed; one that
+        // can be locked here was left by a run that ended. Removed only while the name
+        // still names the file that was checked.
+        struct stat opened {}, named {};
+        if (::fstat(fd, &opened) == 0 && S_ISREG(opened.st_mode) && ::flock(fd, LOCK_EX | LOCK_NB) == 0
+            && ::lstat(path.c_str(), &named) == 0 && named.st_dev == opened.st_dev && named.st_ino == opened.st_ino)
             ::unlink(path.c_str());
+        ::close(fd);
     }
     ::closedir(folder);
+}
+
+ExclusiveLock::~ExclusiveLock()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+ExclusiveLock::Result ExclusiveLock::acquire(const std::string &path, uid_t owner, std::chrono::milliseconds wait,
+                                             std::string *error)
+{
+    const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
+    if (fd < 0) {
+        fail(error, errno == ELOOP ? "refusing the lock file " + path + ": it is a symbolic link"
+                                   : errnoText("cannot open the lock file", path));
+        return Result::Refused;
+    }
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != owner) {
+        ::close(fd);
+        fail(error, "refusing the lock file " + path + ": not a regular file owned by "
+                        + (owner == 0 ? std::string("root") : "uid " + std::to_string(owner)));
+        return Result::Refused;
+    }
+    const auto deadline = std::chrono::steady_clock::now() + wait;
+    while (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EINTR)
+            continue;
+        const bool held = errno == EWOULDBLOCK;
+        if (!held || std::chrono::steady_clock::now() >= deadline) {
+            fail(error, held ? "the lock " + path + " is still held" : errnoText("cannot lock", path));
+            ::close(fd);
+            return held ? Result::StillHeld : Result::Refused;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    m_fd = fd;
+    return Result::Locked;
 }
 
 } // namespace vistrel::sysext::helper

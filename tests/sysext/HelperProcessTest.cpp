@@ -6,6 +6,8 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <gtest/gtest.h>
+#include <memory>
+#include <sys/file.h>
 
 using vistrel::test::FakeLoopbackMachine;
 
@@ -158,4 +160,123 @@ TEST_F(HelperProcessTest, FilesOnDiskAreNeverHalfWrittenAndUnexpectedOnesAreLeft
     QFile::setPermissions(machine.path(bundled), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther | QFile::WriteOther);
     EXPECT_TRUE(helper("activate").contains("not installed safely"));
     EXPECT_FALSE(QFileInfo::exists(machine.modprobeFile())) << "refused before anything is written";
+}
+
+TEST_F(HelperProcessTest, OnlyTheOptionsModprobeReadsReachTheLoopbackToolAndHostileOnesAreRefused)
+{
+    // 0.13 in use: the camera is added with v4l2loopback-ctl, from the bundle's options.
+    struct Case { const char *name; QString config; const char *outcome; const char *added; };
+    const Case cases[] = {
+        {"a label in a comment is no option", "# card_label=$(reboot) exclusive_caps=0\n  # card_label=Other\n\n"
+                                              "options v4l2loopback devices=1 card_label=Vistrel exclusive_caps=1\n",
+         "outcome completed", "-n Vistrel -x 1"},
+        {"tabs separate as spaces do", "options\tv4l2loopback\tdevices=1 \tcard_label=Vistrel\texclusive_caps=0\n",
+         "outcome completed", "-n Vistrel -x 0"},
+        {"a label an option of the tool", "options v4l2loopback card_label=--help\n", "outcome failed 1 refusing", nullptr},
+        {"caps neither 0 nor 1", "options v4l2loopback card_label=Vistrel exclusive_caps=2\n", "outcome failed 1 refusing", nullptr},
+        {"caps not a number", "options v4l2loopback card_label=Vistrel exclusive_caps=yes\n", "outcome failed 1 refusing", nullptr},
+        {"devices not a number", "options v4l2loopback devices=one card_label=Vistrel\n", "outcome failed 1 refusing", nullptr},
+        {"video_nr not numbers", "options v4l2loopback video_nr=10,x card_label=Vistrel\n", "outcome failed 1 refusing", nullptr},
+        {"a label longer than a device name", "options v4l2loopback card_label=" + QString(40, 'V') + "\n", "outcome failed 1 refusing", nullptr},
+        // modprobe would hand the words after '#' to the kernel as options.
+        {"a comment after an option", "options v4l2loopback devices=1 # card_label=Other\n", "outcome failed 1 refusing", nullptr},
+        // modprobe joins the next line to a line ending in a backslash, comment or not.
+        {"a continued comment", "# note \\\noptions v4l2loopback card_label=Vistrel\n", "outcome failed 1 refusing", nullptr},
+        {"a key set twice", "options v4l2loopback card_label=Vistrel\noptions v4l2loopback card_label=Other\n", "outcome failed 1 refusing", nullptr},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        FakeLoopbackMachine m;
+        m.loadModule("0.13.2", "OBS Virtual Camera", 1);
+        m.write("share/vistrel/SystemExtensions/" + kId + "/modprobe.conf", c.config);
+        const QString out = ::helper(m, "activate");
+        EXPECT_TRUE(out.startsWith(c.outcome)) << out.toStdString();
+        const QStringList added = m.toolLog().filter("v4l2loopback-ctl");
+        if (c.added) {
+            EXPECT_EQ(added.join('|').toStdString(), std::string("v4l2loopback-ctl add ") + c.added);
+            EXPECT_TRUE(m.read(m.modprobeFile()).endsWith(c.config)) << "installed as bundled";
+        } else {
+            EXPECT_TRUE(added.isEmpty()) << added.join('|').toStdString();
+            EXPECT_FALSE(QFileInfo::exists(m.modprobeFile()));
+        }
+    }
+}
+
+TEST_F(HelperProcessTest, ABundleWithTwoFaultsIsReportedByTheFirst)
+{
+    const QString bundle = "share/vistrel/SystemExtensions/" + kId + "/";
+    machine.write(bundle + "manifest", QString(70 * 1024, '#'));
+    machine.write(bundle + "modprobe.conf", QString(70 * 1024, '#'));
+    const QString out = helper("activate");
+    EXPECT_TRUE(out.startsWith("outcome failed 1 ") && out.contains(bundle + "manifest") && !out.contains("modprobe.conf"))
+        << out.toStdString();
+}
+
+TEST_F(HelperProcessTest, RunsTakeTurnsSoParallelRequestsLeaveEtcWhole)
+{
+    machine.installModule("0.12.7");
+    const QString bundle = "share/vistrel/SystemExtensions/" + kId + "/";
+    const QString record = kRecord + "1.0 state=installed\n";
+    const QDir modprobeDir(machine.path("etc/modprobe.d")), modulesLoadDir(machine.path("etc/modules-load.d"));
+    for (int round = 0; round < 3; ++round) {
+        SCOPED_TRACE(round);
+        std::vector<std::unique_ptr<QProcess>> runs;
+        for (int i = 0; i < 40; ++i) {
+            runs.push_back(std::make_unique<QProcess>());
+            runs.back()->start(VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable",
+                               {"--test-root=" + machine.root(), i % 2 ? "deactivate" : "activate", kId});
+        }
+        QStringList outcomes;
+        for (const auto &process : runs) {
+            EXPECT_TRUE(process->waitForFinished(60000));
+            outcomes << QString::fromUtf8(process->readAllStandardOutput()).trimmed();
+        }
+        EXPECT_EQ(outcomes.filter("outcome completed").size(), 40) << outcomes.join('|').toStdString();
+        const bool installed = QFileInfo::exists(machine.modprobeFile());
+        EXPECT_EQ(QFileInfo::exists(machine.modulesLoadFile()), installed) << "both files or neither";
+        if (installed) {
+            EXPECT_EQ(machine.read(machine.modprobeFile()), record + machine.read(bundle + "modprobe.conf"));
+            EXPECT_EQ(machine.read(machine.modulesLoadFile()), record + machine.read(bundle + "modules-load.conf"));
+        }
+        const std::string expected = installed ? (kId + ".conf").toStdString() : std::string();
+        for (const QDir &dir : {modprobeDir, modulesLoadDir})
+            EXPECT_EQ(dir.entryList(QDir::Files | QDir::Hidden | QDir::System).join('|').toStdString(), expected) << "no temporaries left";
+    }
+}
+
+TEST_F(HelperProcessTest, ARunWaitsForTheLockABoundedTimeRefusesAForeignLockFileAndLeavesOthersTemporaries)
+{
+    machine.installModule("0.12.7");
+    const QString lockPath = machine.path("run/lock/vistrel-camera-extension.lock");
+    const QStringList waitBriefly = {"--test-root=" + machine.root(), "--test-lock-wait=300", "activate", kId};
+    {
+        QFile held(lockPath);
+        ASSERT_TRUE(held.open(QIODevice::ReadWrite));
+        ASSERT_EQ(::flock(held.handle(), LOCK_EX), 0);
+        const HelperRun waited = run(waitBriefly);
+        EXPECT_TRUE(waited.out.startsWith("outcome failed 1 ") && waited.out.contains("still running")) << waited.out.toStdString();
+        EXPECT_FALSE(QFileInfo::exists(machine.modprobeFile())) << "nothing done without the lock";
+    }
+    EXPECT_EQ(run(waitBriefly).out, "outcome completed") << "the lock is free again";
+
+    // A temporary that its writer still holds is not taken for one a killed run left.
+    const QString temporary = machine.path("etc/modprobe.d/." + kId + ".conf.vistrel-AbCd12");
+    {
+        QFile writing(temporary);
+        ASSERT_TRUE(writing.open(QIODevice::WriteOnly));
+        ASSERT_EQ(::flock(writing.handle(), LOCK_EX), 0);
+        EXPECT_EQ(helper("activate"), "outcome completed");
+        EXPECT_TRUE(QFileInfo::exists(temporary));
+    }
+    EXPECT_EQ(helper("activate"), "outcome completed");
+    EXPECT_FALSE(QFileInfo::exists(temporary)) << "abandoned once its writer is gone";
+
+    // A link in place of the lock file is not followed.
+    machine.write("victim", "precious\n");
+    QFile::remove(lockPath);
+    QFile::link(machine.path("victim"), lockPath);
+    const HelperRun linked = run({"--test-root=" + machine.root(), "deactivate", kId});
+    EXPECT_TRUE(linked.out.startsWith("outcome failed 1 ") && linked.out.contains(lockPath)) << linked.out.toStdString();
+    EXPECT_TRUE(QFileInfo::exists(machine.modprobeFile())) << "nothing done without the lock";
+    EXPECT_EQ(machine.read("victim"), "precious\n");
 }
