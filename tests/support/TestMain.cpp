@@ -1,5 +1,6 @@
 // Test entry point: every test process runs with its own temporary HOME and
-// XDG_CONFIG_HOME (so settings and the trace file never touch the real ones),
+// XDG_CONFIG_HOME (so settings and the trace file never touch the real ones) and
+// TMPDIR inside it (so nothing it makes outlives it),
 // Qt's offscreen platform, an initialised GStreamer, and an update feed on a closed
 // loopback port (no test reaches the vendor's server; the update tests set their own).
 #include "TestHome.h"
@@ -18,6 +19,14 @@ int main(int argc, char **argv)
     if (!home.isValid())
         return 2;
     vistrel::test::useHome(home.path());
+    // Everything else a test makes in the temporary folder goes inside this home, so it
+    // is removed with it, also what a process dies holding: the fake machines of a test
+    // whose process ends in abort(), and the children of death tests (they run this main
+    // again, inherit this TMPDIR and make their own home inside it).
+    const QString temp = home.filePath(QStringLiteral("tmp"));
+    if (!QDir().mkpath(temp))
+        return 2;
+    qputenv("TMPDIR", temp.toUtf8());
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
     if (qEnvironmentVariableIsEmpty("VISTREL_UPDATE_URL"))
