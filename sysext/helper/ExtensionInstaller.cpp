@@ -104,7 +104,7 @@ InstallerPaths InstallerPaths::forSystem(const std::string &executablePath)
     paths.modprobeDir = "/etc/modprobe.d";
     paths.modulesLoadDir = "/etc/modules-load.d";
     paths.sysDir = "/sys";
-    paths.lockFile = "/run/lock/vistrel-camera-extension.lock";
+    paths.lockFile = "/run/vistrel-camera-extension.lock";
     paths.modprobe = firstExecutable({"/usr/sbin/modprobe", "/sbin/modprobe"});
     paths.modinfo = firstExecutable({"/usr/sbin/modinfo", "/sbin/modinfo"});
     paths.loopbackCtl = firstExecutable({"/usr/bin/v4l2loopback-ctl", "/bin/v4l2loopback-ctl"});
@@ -119,7 +119,7 @@ InstallerPaths InstallerPaths::underRoot(const std::string &root, uid_t owner)
     paths.modprobeDir = root + "/etc/modprobe.d";
     paths.modulesLoadDir = root + "/etc/modules-load.d";
     paths.sysDir = root + "/sys";
-    paths.lockFile = root + "/run/lock/vistrel-camera-extension.lock";
+    paths.lockFile = root + "/run/vistrel-camera-extension.lock";
     const auto tool = [&](const std::string &path) { return isExecutable(path) ? path : std::string{}; };
     paths.modprobe = tool(root + "/sbin/modprobe");
     paths.modinfo = tool(root + "/sbin/modinfo");

@@ -17,7 +17,7 @@ struct InstallerPaths
     std::string modprobeDir;   // /etc/modprobe.d
     std::string modulesLoadDir; // /etc/modules-load.d
     std::string sysDir;        // /sys
-    std::string lockFile;      // /run/lock/vistrel-camera-extension.lock: one run at a time
+    std::string lockFile;      // /run/vistrel-camera-extension.lock: one run at a time
     std::string modprobe;      // absolute paths of the tools; empty when absent
     std::string modinfo;
     std::string loopbackCtl;

@@ -8,7 +8,7 @@
 // It prints exactly one line on standard output ("outcome ..." or "status ...") and
 // explanations on standard error. The configuration it installs comes from its own
 // installation; every path it touches is fixed. activate and deactivate take turns:
-// each holds /run/lock/vistrel-camera-extension.lock while it works, and a run that
+// each holds /run/vistrel-camera-extension.lock while it works, and a run that
 // cannot have it within 30 seconds fails and changes nothing. A test build
 // (VISTREL_HELPER_TESTABLE) also accepts "--test-root=<folder>" first, which moves
 // every one of those paths under that folder, then "--test-crash-mid-write", which

@@ -1,5 +1,5 @@
 #pragma once
-// A machine in a temporary folder for the camera extension: sysfs, /etc and /run/lock trees,
+// A machine in a temporary folder for the camera extension: sysfs, /etc and /run trees,
 // the app's installed extension bundle, and stand-ins for the kernel tools (modprobe,
 // modinfo, v4l2loopback-ctl) as small shell scripts that change the fake sysfs the
 // way the kernel would. What the "kernel" offers is set with the methods below; every
@@ -28,7 +28,7 @@ public:
         for (const QString &dir : {QStringLiteral("etc/modprobe.d"), QStringLiteral("etc/modules-load.d"),
                                    QStringLiteral("sys/class/video4linux"), QStringLiteral("sys/module"),
                                    QStringLiteral("kernel"), QStringLiteral("sbin"), QStringLiteral("bin"),
-                                   QStringLiteral("run/lock")})
+                                   QStringLiteral("run")})
             QDir().mkpath(path(dir));
         writeTool(QStringLiteral("sbin/modinfo"), QString::fromUtf8(R"sh(
 echo "modinfo $*" >> "$R/kernel/log"

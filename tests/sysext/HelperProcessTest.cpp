@@ -247,7 +247,7 @@ TEST_F(HelperProcessTest, RunsTakeTurnsSoParallelRequestsLeaveEtcWhole)
 TEST_F(HelperProcessTest, ARunWaitsForTheLockABoundedTimeRefusesAForeignLockFileAndLeavesOthersTemporaries)
 {
     machine.installModule("0.12.7");
-    const QString lockPath = machine.path("run/lock/vistrel-camera-extension.lock");
+    const QString lockPath = machine.path("run/vistrel-camera-extension.lock");
     const QStringList waitBriefly = {"--test-root=" + machine.root(), "--test-lock-wait=300", "activate", kId};
     {
         QFile held(lockPath);
