@@ -11,10 +11,28 @@
 #include <QRegularExpression>
 
 namespace vistrel {
+namespace {
+
+// Only web addresses are fetched: the network layer would also read local files
+// (file:, data:, qrc:).
+bool isWebAddress(const QUrl &url)
+{
+    return url.isValid() && (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"))
+           && !url.host().isEmpty();
+}
+
+} // namespace
 
 UpdateChecker::UpdateChecker(QUrl url, std::chrono::milliseconds transferTimeout, QObject *parent)
     : QObject(parent), latestURL(std::move(url)), m_transferTimeout(transferTimeout)
 {
+    // A misconfigured feed address is said once; each check then fails as an
+    // unreachable feed would.
+    if (!latestURL.isValid())
+        systemLog(QStringLiteral("update check: cannot use the update address: ") + latestURL.errorString());
+    else if (!isWebAddress(latestURL))
+        systemLog(QStringLiteral("update check: cannot use the update address \"") + latestURL.toDisplayString()
+                  + QStringLiteral("\": only http and https addresses are fetched"));
 }
 
 UpdateChecker::~UpdateChecker() = default;
@@ -30,13 +48,8 @@ UpdateChecker &UpdateChecker::shared()
 {
     // Lives as long as the application object, which owns it.
     static QPointer<UpdateChecker> instance;
-    if (!instance) {
-        const QUrl url = defaultLatestURL();
-        if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty())
-            qFatal("UpdateChecker: the update feed URL \"%s\" cannot be used",
-                   qUtf8Printable(url.toString()));
-        instance = new UpdateChecker(url, kDefaultTimeout, QCoreApplication::instance());
-    }
+    if (!instance)
+        instance = new UpdateChecker(defaultLatestURL(), kDefaultTimeout, QCoreApplication::instance());
     return *instance;
 }
 
@@ -57,6 +70,21 @@ qint64 UpdateChecker::currentBuildNumber(const Bundle &bundle)
 
 void UpdateChecker::fetchLatest(QObject *context, std::function<void(std::optional<LatestResponse>)> done)
 {
+    QPointer<QObject> guard(context);
+    const bool hasContext = context != nullptr;
+    if (!isWebAddress(latestURL)) {
+        // Answered from the event loop all the same, so the caller never sees the
+        // result before the call returns.
+        QMetaObject::invokeMethod(
+            this,
+            [guard, hasContext, done = std::move(done)] {
+                if (!hasContext || guard)
+                    done(std::nullopt);
+            },
+            Qt::QueuedConnection);
+        return;
+    }
+
     if (!m_network)
         m_network = new QNetworkAccessManager(this);
     QNetworkRequest request(latestURL);
@@ -65,8 +93,6 @@ void UpdateChecker::fetchLatest(QObject *context, std::function<void(std::option
     request.setTransferTimeout(static_cast<int>(m_transferTimeout.count()));
 
     QNetworkReply *reply = m_network->get(request);
-    QPointer<QObject> guard(context);
-    const bool hasContext = context != nullptr;
     connect(reply, &QNetworkReply::finished, this, [reply, guard, hasContext, done = std::move(done)] {
         reply->deleteLater();
         if (hasContext && !guard)

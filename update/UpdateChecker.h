@@ -22,12 +22,14 @@ class UpdateChecker : public QObject
 public:
     static constexpr std::chrono::milliseconds kDefaultTimeout{10000};
 
+    // An address that is not http or https (or does not parse) is logged once here;
+    // every check made with it then fails without touching the network.
     explicit UpdateChecker(QUrl latestURL, std::chrono::milliseconds transferTimeout = kDefaultTimeout,
                            QObject *parent = nullptr);
     ~UpdateChecker() override;
 
     // The process-wide checker, made on first use: the feed named by
-    // VISTREL_UPDATE_URL, else the vendor's. An unusable URL stops the program.
+    // VISTREL_UPDATE_URL, else the vendor's.
     static UpdateChecker &shared();
     static QUrl defaultLatestURL();
 
@@ -40,9 +42,9 @@ public:
     static qint64 currentBuildNumber(const Bundle &bundle);
 
     // GET the feed, bypassing any cache. `done` runs on the main thread with the
-    // decoded record, or nothing for a transport error, a stalled transfer, a
-    // status other than 200 or a body that does not decode. Dropped when `context`
-    // goes away first.
+    // decoded record, or nothing for an address that is not http or https, a
+    // transport error, a stalled transfer, a status other than 200 or a body that
+    // does not decode. Dropped when `context` goes away first.
     void fetchLatest(QObject *context, std::function<void(std::optional<LatestResponse>)> done);
 
     // One check: fetch, log, compare, and run the alert the result calls for.

@@ -171,3 +171,34 @@ TEST_F(UpdateCheckerTest, LaunchChecksOnceOnTheMainWindowPathOnly)
     EXPECT_EQ(server.requests.size(), 1);
     qDeleteAll(QApplication::topLevelWidgets());
 }
+
+// The process-wide checker takes its address from VISTREL_UPDATE_URL once per process,
+// so each address is tried in a child process of its own. An unusable address is said
+// once; both checks then end as an unreachable feed does, without touching the network.
+TEST(UpdateCheckerAddress, AnUnusableAddressIsLoggedOnceAndEachCheckFails)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const struct { const char *address; const char *logged; } rows[] = {
+        {"file:///etc/passwd", R"(cannot use the update address "file:///etc/passwd": only http and https addresses are fetched)"},
+        {"ftp://127.0.0.1/updates/latest.json", R"(cannot use the update address "ftp://127.0.0.1/updates/latest.json": only http and https addresses are fetched)"},
+        {"http://[bad", R"(cannot use the update address: .*source was "http://\[bad"[^\n]*)"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.address);
+        EXPECT_EXIT(
+            {
+                qputenv("VISTREL_UPDATE_URL", row.address);
+                test::TestServices env;
+                UpdateChecker &checker = UpdateChecker::shared();
+                QSignalSpy finished(&checker, &UpdateChecker::checkFinished);
+                checker.checkForUpdates(env.services);
+                checker.checkForUpdates(env.services);
+                const bool ended = QTest::qWaitFor([&] { return finished.size() == 2; }, 5000);
+                std::_Exit(ended && env.alerts.shown.isEmpty() && env.urlOpener.opened.isEmpty() ? 0 : 1);
+            },
+            testing::ExitedWithCode(0),
+            std::string("\\[Vistrel\\] update check: ") + row.logged
+                + "\n\\[Vistrel\\] update check: fetch failed or no response\n"
+                  "\\[Vistrel\\] update check: fetch failed or no response\n$");
+    }
+}
