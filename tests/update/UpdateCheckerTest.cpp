@@ -16,6 +16,8 @@
 using namespace vistrel;
 using namespace std::chrono_literals;
 
+inline void PrintTo(const QString &text, std::ostream *out) { *out << '"' << text.toStdString() << '"'; }
+
 namespace {
 
 // A feed offering build 120 ("1.2.0"), with `extra` JSON members appended.
@@ -23,6 +25,50 @@ QByteArray feed(const char *extra = "", const char *build = "120", const char *v
 {
     return QByteArray(R"({"latestShortVersion":")") + version + R"(","latestBuild":)" + build
            + R"(,"downloadURL":"https://vistrel.app/download")" + extra + "}";
+}
+
+// Server behaviours for the connection `respond` hook.
+
+// A redirect to `location`.
+std::function<void(QTcpSocket *)> redirectTo(const QByteArray &location)
+{
+    return [location](QTcpSocket *socket) {
+        socket->write("HTTP/1.1 302 Found\r\nLocation: " + location + "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+        socket->disconnectFromHost();
+    };
+}
+
+// A 200 whose body is blanks, handed over as fast as the client takes them up to
+// `limit` bytes, then nothing more on an open connection. `declared` is the length
+// announced (none when negative). `sent` counts what left the server: a piece is
+// written only when the previous one has gone.
+std::function<void(QTcpSocket *)> stream(qint64 declared, qint64 limit, qint64 *sent)
+{
+    return [=](QTcpSocket *socket) {
+        QByteArray head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n";
+        if (declared >= 0)
+            head += "Content-Length: " + QByteArray::number(declared) + "\r\n";
+        socket->write(head + "\r\n");
+        const auto more = [=] {
+            if (socket->state() != QAbstractSocket::ConnectedState || socket->bytesToWrite() > 0 || *sent >= limit)
+                return;
+            const QByteArray piece(64 * 1024, ' ');
+            socket->write(piece);
+            *sent += piece.size();
+        };
+        QObject::connect(socket, &QTcpSocket::bytesWritten, socket, more);
+        more();
+    };
+}
+
+// A 200 that announces a body and then sends one byte of it every 20 ms, forever.
+void trickle(QTcpSocket *socket)
+{
+    socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 100000\r\n\r\n");
+    auto *drip = new QTimer(socket);
+    QObject::connect(drip, &QTimer::timeout, socket, [socket] { socket->write(" "); });
+    QObject::connect(socket, &QTcpSocket::disconnected, drip, &QTimer::stop);
+    drip->start(20);
 }
 
 class UpdateCheckerTest : public ::testing::Test
@@ -170,6 +216,74 @@ TEST_F(UpdateCheckerTest, LaunchChecksOnceOnTheMainWindowPathOnly)
     ASSERT_TRUE(finished.wait(5000));
     EXPECT_EQ(server.requests.size(), 1);
     qDeleteAll(QApplication::topLevelWidgets());
+}
+
+// What a broken or hostile network may answer. Each row is one launch's check by a
+// build that any accepted feed would offer an update to (and, where the feed names a
+// minimum, require one): every row must instead end as an unreachable feed does, within
+// the deadline, with no alert, nothing opened and the remembered build untouched.
+TEST_F(UpdateCheckerTest, BadFeedsFailQuietlyWithinTheDeadline)
+{
+    constexpr qint64 cap = UpdateChecker::kMaxBodySize;
+    qint64 streamed = 0;
+    QByteArray overCap = feed();
+    overCap.append(QByteArray(cap + 1 - overCap.size(), ' '));
+    const struct
+    {
+        const char *what;
+        QByteArray body;
+        std::function<void(QTcpSocket *)> respond = {};
+    } rows[] = {
+        {"empty body", ""},
+        {"not JSON", "<html><body>Service Unavailable</body></html>"},
+        {"a JSON array", "[" + feed() + "]"},
+        {"truncated JSON", feed(R"(,"minimumBuild":110)").left(60)},
+        {"build as a string", feed("", R"("120")")},
+        {"fractional build", feed("", "120.5")},
+        {"build past 64 bits", feed("", "9223372036854775808")},
+        {"minimum as a string", feed(R"(,"minimumBuild":"110")")},
+        {"a valid feed one byte over the cap", overCap},
+        {"a length far over the cap", {}, stream(3LL << 30, 128 << 20, &streamed)},
+        {"an unannounced body far over the cap", {}, stream(-1, 128 << 20, &streamed)},
+        {"a body cut short by the server",
+         {},
+         [](QTcpSocket *socket) {
+             socket->write("HTTP/1.1 200 OK\r\nContent-Length: 400\r\nConnection: close\r\n\r\n" + feed());
+             socket->disconnectFromHost();
+         }},
+        {"a redirect loop", {}, redirectTo(server.url().toEncoded())},
+        {"a redirect to a local file", {}, redirectTo("file:///etc/passwd")},
+        {"a server that never answers", {}, [](QTcpSocket *) {}},
+        {"a server that trickles a byte at a time", {}, trickle},
+        {"file: download", feed(R"(,"minimumBuild":110)").replace("https://vistrel.app/download", "file:///etc/passwd")},
+        {"javascript: download", feed().replace("https://vistrel.app/download", "javascript:alert(1)")},
+        {"data: download", feed().replace("https://vistrel.app/download", "data:text/html;base64,PHNjcmlwdD5hbGVydCgxKTwvc2NyaXB0Pg==")},
+    };
+    env.defaults->setInteger(QStringLiteral("updateCheckerDismissedBuild"), 7);
+    UpdateChecker quick(server.url(), 1s);
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.what);
+        server.body = row.body;
+        server.respond = row.respond;
+        streamed = 0;
+        const qsizetype logged = log.lines().size();
+        check("1", &quick);
+        EXPECT_EQ(log.lines().mid(logged), QStringList{kFetchFailed});
+        // Abandoned at the cap, not read to the end (the socket buffers on the way hold a few MiB).
+        EXPECT_LT(streamed, 32 << 20);
+    }
+    EXPECT_TRUE(env.alerts.shown.isEmpty());
+    EXPECT_TRUE(env.urlOpener.opened.isEmpty());
+    EXPECT_EQ(env.application.terminateCalls, 0);
+    EXPECT_EQ(dismissed(), 7);
+
+    // A feed padded to exactly the cap is still a feed.
+    server.respond = {};
+    server.body = overCap.chopped(1);
+    env.alerts.answers = {0};
+    check("1", &quick);
+    EXPECT_EQ(env.alerts.shown.size(), 1);
+    EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{QUrl(QStringLiteral("https://vistrel.app/download"))});
 }
 
 // The process-wide checker takes its address from VISTREL_UPDATE_URL once per process,
