@@ -1,4 +1,5 @@
 #include "app/AppDelegate.h"
+#include "app/LinuxPlatform.h"
 #include "update/UpdateChecker.h"
 
 #include "LoopbackHttpServer.h"
@@ -7,6 +8,9 @@
 
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -284,6 +288,38 @@ TEST_F(UpdateCheckerTest, BadFeedsFailQuietlyWithinTheDeadline)
     check("1", &quick);
     EXPECT_EQ(env.alerts.shown.size(), 1);
     EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{QUrl(QStringLiteral("https://vistrel.app/download"))});
+}
+
+// Release notes and the version come from the feed: the real alert shows them as the
+// characters they are, with no markup and no live links.
+TEST_F(UpdateCheckerTest, FeedTextIsShownAsPlainTextInTheAlert)
+{
+    MessageBoxAlertPresenter boxes;
+    env.services.alerts = &boxes;
+    server.body = feed(R"(,"releaseNotes":"<a href=\"file:///etc/passwd\">Read <b>this</b></a>")", "120", "<i>1.2</i>");
+    QMap<QString, Qt::TextFormat> shown;
+    QTimer watcher;
+    QObject::connect(&watcher, &QTimer::timeout, [&] {
+        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
+        if (!box)
+            return;
+        watcher.stop();
+        for (const QLabel *label : box->findChildren<QLabel *>())
+            if (!label->text().isEmpty())
+                shown.insert(label->text(), label->textFormat());
+        for (QAbstractButton *button : box->buttons())
+            if (button->text() == QLatin1String("Later"))
+                button->click();
+    });
+    watcher.start(10);
+    check("119");
+    const QString notes = QStringLiteral(R"(<a href="file:///etc/passwd">Read <b>this</b></a>)");
+    const QString title = QStringLiteral("Vistrel <i>1.2</i> is available");
+    ASSERT_TRUE(shown.contains(notes) && shown.contains(title)) << shown.keys().join(QLatin1Char('|')).toStdString();
+    EXPECT_EQ(shown.value(notes), Qt::PlainText);
+    EXPECT_EQ(shown.value(title), Qt::PlainText);
+    EXPECT_TRUE(env.urlOpener.opened.isEmpty());
+    EXPECT_EQ(dismissed(), 120);
 }
 
 // The process-wide checker takes its address from VISTREL_UPDATE_URL once per process,
