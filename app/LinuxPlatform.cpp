@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QDesktopServices>
 #include <QFileDialog>
+#include <QLabel>
 #include <QMessageBox>
 #include <QProcess>
 #include <QPushButton>
@@ -27,6 +28,10 @@ int MessageBoxAlertPresenter::runModal(const AlertSpec &alert)
     box.setWindowTitle(alert.title);
     box.setText(alert.title);
     box.setInformativeText(alert.text);
+    // Alert texts are plain sentences, some carrying words from outside (a feed's
+    // release notes and version, an error description): never read as markup or links.
+    for (QLabel *label : box.findChildren<QLabel *>())
+        label->setTextFormat(Qt::PlainText);
     QList<QAbstractButton *> buttons;
     for (const QString &title : alert.buttons) {
         // Roles only order the buttons; the first button is the affirmative default.

@@ -9,12 +9,32 @@
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QRegularExpression>
+#include <QTimer>
 
 namespace vistrel {
+namespace {
 
-UpdateChecker::UpdateChecker(QUrl url, std::chrono::milliseconds transferTimeout, QObject *parent)
-    : QObject(parent), latestURL(std::move(url)), m_transferTimeout(transferTimeout)
+// Only web addresses are fetched or opened: the network layer would also read local
+// files (file:, data:, qrc:), and the desktop opener would run whatever handler a
+// scheme names.
+bool isWebAddress(const QUrl &url)
 {
+    return url.isValid() && (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"))
+           && !url.host().isEmpty();
+}
+
+} // namespace
+
+UpdateChecker::UpdateChecker(QUrl url, std::chrono::milliseconds deadline, QObject *parent)
+    : QObject(parent), latestURL(std::move(url)), m_deadline(deadline)
+{
+    // A misconfigured feed address is said once; each check then fails as an
+    // unreachable feed would.
+    if (!latestURL.isValid())
+        systemLog(QStringLiteral("update check: cannot use the update address: ") + latestURL.errorString());
+    else if (!isWebAddress(latestURL))
+        systemLog(QStringLiteral("update check: cannot use the update address \"") + latestURL.toDisplayString()
+                  + QStringLiteral("\": only http and https addresses are fetched"));
 }
 
 UpdateChecker::~UpdateChecker() = default;
@@ -30,13 +50,8 @@ UpdateChecker &UpdateChecker::shared()
 {
     // Lives as long as the application object, which owns it.
     static QPointer<UpdateChecker> instance;
-    if (!instance) {
-        const QUrl url = defaultLatestURL();
-        if (!url.isValid() || url.scheme().isEmpty() || url.host().isEmpty())
-            qFatal("UpdateChecker: the update feed URL \"%s\" cannot be used",
-                   qUtf8Printable(url.toString()));
-        instance = new UpdateChecker(url, kDefaultTimeout, QCoreApplication::instance());
-    }
+    if (!instance)
+        instance = new UpdateChecker(defaultLatestURL(), kDefaultTimeout, QCoreApplication::instance());
     return *instance;
 }
 
@@ -57,17 +72,54 @@ qint64 UpdateChecker::currentBuildNumber(const Bundle &bundle)
 
 void UpdateChecker::fetchLatest(QObject *context, std::function<void(std::optional<LatestResponse>)> done)
 {
+    QPointer<QObject> guard(context);
+    const bool hasContext = context != nullptr;
+    if (!isWebAddress(latestURL)) {
+        // Answered from the event loop all the same, so the caller never sees the
+        // result before the call returns.
+        QMetaObject::invokeMethod(
+            this,
+            [guard, hasContext, done = std::move(done)] {
+                if (!hasContext || guard)
+                    done(std::nullopt);
+            },
+            Qt::QueuedConnection);
+        return;
+    }
+
     if (!m_network)
         m_network = new QNetworkAccessManager(this);
     QNetworkRequest request(latestURL);
     request.setAttribute(QNetworkRequest::CacheLoadControlAttribute, QNetworkRequest::AlwaysNetwork);
     request.setAttribute(QNetworkRequest::CacheSaveControlAttribute, false);
-    request.setTransferTimeout(static_cast<int>(m_transferTimeout.count()));
 
     QNetworkReply *reply = m_network->get(request);
-    QPointer<QObject> guard(context);
-    const bool hasContext = context != nullptr;
-    connect(reply, &QNetworkReply::finished, this, [reply, guard, hasContext, done = std::move(done)] {
+    // The network layer stops reading once this much is waiting; the body is moved
+    // out as it arrives, so it never holds more than the cap between two reads.
+    reply->setReadBufferSize(kMaxBodySize);
+
+    // One deadline for the whole exchange, redirects and a server that sends a byte
+    // now and then included; aborting ends the reply as a failure.
+    auto *deadline = new QTimer(reply);
+    deadline->setSingleShot(true);
+    connect(deadline, &QTimer::timeout, reply, &QNetworkReply::abort);
+    deadline->start(m_deadline);
+
+    // A feed record is a few hundred bytes: a reply that says, or turns out, to be
+    // larger than the cap is abandoned instead of being held in memory.
+    auto body = std::make_shared<QByteArray>();
+    connect(reply, &QNetworkReply::metaDataChanged, reply, [reply] {
+        if (reply->header(QNetworkRequest::ContentLengthHeader).toLongLong() > kMaxBodySize)
+            reply->abort();
+    });
+    connect(reply, &QNetworkReply::readyRead, reply, [reply, body] {
+        body->append(reply->read(kMaxBodySize + 1 - body->size()));
+        if (body->size() > kMaxBodySize)
+            reply->abort();
+    });
+
+    connect(reply, &QNetworkReply::finished, this, [reply, body, deadline, guard, hasContext, done = std::move(done)] {
+        deadline->stop();
         reply->deleteLater();
         if (hasContext && !guard)
             return;
@@ -76,7 +128,17 @@ void UpdateChecker::fetchLatest(QObject *context, std::function<void(std::option
             done(std::nullopt);
             return;
         }
-        done(LatestResponse::decode(reply->readAll()));
+        body->append(reply->read(kMaxBodySize + 1 - body->size()));
+        std::optional<LatestResponse> response;
+        if (body->size() <= kMaxBodySize)
+            response = LatestResponse::decode(*body);
+        // A download address that parses but is not a web page is not offered at all.
+        if (response) {
+            const QUrl download(response->downloadURL, QUrl::StrictMode);
+            if (download.isValid() && !download.isEmpty() && !isWebAddress(download))
+                response.reset();
+        }
+        done(response);
     });
 }
 
@@ -142,7 +204,7 @@ void UpdateChecker::showUpdateRequiredAlert(const Services &services, const Late
 void UpdateChecker::openDownloadPage(const Services &services, const LatestResponse &response)
 {
     const QUrl url(response.downloadURL, QUrl::StrictMode);
-    if (!url.isValid() || url.isEmpty())
+    if (!isWebAddress(url))
         return;
     services.urlOpener->openUrl(url);
 }

@@ -5,18 +5,21 @@
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QUrl>
+#include <functional>
 
 namespace vistrel::test {
 
 // A small HTTP/1.1 server on 127.0.0.1 that answers every request with the current
 // scripted status and body, or, when `silent` is set, reads the request and never
-// answers. Keeps the raw requests it received.
+// answers, or, when `respond` is set, hands the connection to it to answer as it
+// likes. Keeps the raw requests it received.
 class LoopbackHttpServer : public QObject
 {
 public:
     int status = 200;
     QByteArray body;
     bool silent = false;
+    std::function<void(QTcpSocket *)> respond;
     QList<QByteArray> requests;
 
     LoopbackHttpServer()
@@ -58,6 +61,10 @@ private:
             received->clear();
             if (silent)
                 return;
+            if (respond) {
+                respond(socket);
+                return;
+            }
             // 204 and 304 carry no body by definition.
             const bool bodyless = status == 204 || status == 304;
             QByteArray answer = "HTTP/1.1 " + QByteArray::number(status) + ' ' + reason(status) + "\r\n";
