@@ -6,6 +6,7 @@
 #include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/LoopbackSink.h"
 
+#include <QTest>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -53,6 +54,42 @@ TEST(LoopbackSinkTest, FramesGoToTheDeviceFromTheWriterAndStoppingClosesIt)
     }
     EXPECT_EQ(device->openDescriptors(), 0);
     EXPECT_EQ(altered.load(), 2);
+}
+
+// A write failing because the device is gone (deleted, its module unloaded) is the
+// last: one line, no more writes, and the sink says it is lost and takes no frames.
+// Any other failure passes: one line per kind, and frames keep going to the device.
+TEST(LoopbackSinkTest, AWriteToAVanishedDeviceIsTheLast)
+{
+    const struct
+    {
+        int error;
+        bool gone;
+        QString line;
+    } cases[] = {
+        {ENODEV, true, "Virtual camera device /dev/video10 is gone (No such device): no more frames are written to it"},
+        {EIO, true, "Virtual camera device /dev/video10 is gone (Input/output error): no more frames are written to it"},
+        {EAGAIN, false, "Writing to /dev/video10 failed: Resource temporarily unavailable"}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.error);
+        auto device = std::make_shared<FakeLoopbackDevice>();
+        LoopbackSink sink(kNode, [] {}, device);
+        ASSERT_EQ(sink.start(), 0);
+        ASSERT_TRUE(device->waitForWriteCalls(1));
+        test::SystemLogCapture log;
+        device->setWrites(FakeLoopbackDevice::Writes::Failing, c.error);
+        ASSERT_EQ(sink.enqueue(frame()), 0);
+        ASSERT_TRUE(device->waitForWriteCalls(2));
+        ASSERT_TRUE(QTest::qWaitFor([&] { return sink.isLost(); }, 1000) == c.gone);
+        EXPECT_EQ(sink.enqueue(frame()), c.gone ? ENODEV : 0);
+        EXPECT_EQ(sink.enqueue(frame()), c.gone ? ENODEV : 0);
+        if (!c.gone) {
+            EXPECT_TRUE(device->waitForWriteCalls(4));
+        }
+        EXPECT_TRUE(sink.stop());
+        EXPECT_EQ(device->writeCalls(), c.gone ? 2 : 4);
+        EXPECT_EQ(log.lines(), QStringList{c.line});
+    }
 }
 
 // A write that never comes back (a device whose module went away) holds up neither

@@ -52,6 +52,13 @@ QString errorText(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
+// Errors after which the descriptor is dead: the device was deleted or its module
+// unloaded. Another write could only fail again (or hang).
+bool isDeviceGone(int error)
+{
+    return error == ENODEV || error == ENXIO || error == EIO || error == EBADF;
+}
+
 // Writer threads that did not stop in time, each most likely inside a write() that
 // may never return. Joining one would hang whoever stops the sink, and a std::thread
 // destroyed while still joinable ends the program (std::terminate), so they are kept
@@ -95,6 +102,7 @@ struct LoopbackSink::Writer
     // 0, or the errno of a failed write of the converted frame.
     int writeFrame();
     void reportWriteFailure(int error);
+    void giveUpDevice(int error);
 
     const QString devicePath;
     const std::function<void()> queueAltered;
@@ -111,6 +119,7 @@ struct LoopbackSink::Writer
     int count = 0;
     bool firstFrame = false; // the black frame that starts the device is due
     bool stopping = false;
+    bool lost = false; // the device is gone: nothing is written any more
     bool done = false;
     // Held while the queue-altered callback runs, so that none runs once stop() has
     // taken it: the callback's owner may be gone after that.
@@ -144,18 +153,28 @@ void LoopbackSink::Writer::run()
         }
         if (black) {
             fillYuyvBlack(yuyv.data(), kWidth, kHeight);
-            if (const int error = writeFrame())
+            if (const int error = writeFrame()) {
+                if (isDeviceGone(error)) {
+                    giveUpDevice(error);
+                    break;
+                }
                 systemLog(devicePath + QStringLiteral(": first frame not written: ") + errorText(error));
+            }
             continue;
         }
         if (sample.imageBuffer && sample.imageBuffer->width() == kWidth && sample.imageBuffer->height() == kHeight) {
             toYuyv.convert(*sample.imageBuffer, yuyv.data());
             // The pixels are converted: the buffer can go back to the pool now.
             sample.imageBuffer.reset();
-            if (const int error = writeFrame())
+            if (const int error = writeFrame()) {
+                if (isDeviceGone(error)) {
+                    giveUpDevice(error);
+                    break;
+                }
                 reportWriteFailure(error);
-            else
+            } else {
                 lastWriteError = 0;
+            }
         }
         std::lock_guard calling(callback);
         {
@@ -190,6 +209,21 @@ void LoopbackSink::Writer::reportWriteFailure(int error)
     // streaming would otherwise flood the log thirty times a second.
     if (std::exchange(lastWriteError, error) != error)
         systemLog(QStringLiteral("Writing to ") + devicePath + QStringLiteral(" failed: ") + errorText(error));
+}
+
+void LoopbackSink::Writer::giveUpDevice(int error)
+{
+    {
+        std::lock_guard lock(mutex);
+        lost = true;
+        for (SampleBuffer &queued : slots)
+            queued = {};
+        count = 0;
+        if (stopping)
+            return; // the sink has gone on without us: nobody to tell
+    }
+    systemLog(QStringLiteral("Virtual camera device ") + devicePath + QStringLiteral(" is gone (") + errorText(error) +
+              QStringLiteral("): no more frames are written to it"));
 }
 
 LoopbackSink::LoopbackSink(QString devicePath, std::function<void()> queueAltered, std::shared_ptr<VideoDeviceIo> io)
@@ -323,6 +357,12 @@ int LoopbackSink::readerCount()
     return m_readers < 0 ? 0 : m_readers;
 }
 
+bool LoopbackSink::isLost() const
+{
+    std::lock_guard lock(m_shared->mutex);
+    return m_shared->lost;
+}
+
 int LoopbackSink::count() const
 {
     std::lock_guard lock(m_shared->mutex);
@@ -334,6 +374,8 @@ Status LoopbackSink::enqueue(SampleBuffer sample)
     Writer &writer = *m_shared;
     {
         std::lock_guard lock(writer.mutex);
+        if (writer.lost)
+            return ENODEV;
         if (writer.count == kCapacity || writer.stopping || !m_writer.joinable())
             return -1;
         writer.slots[static_cast<std::size_t>((writer.head + writer.count) % kCapacity)] = std::move(sample);

@@ -57,7 +57,11 @@ public:
 
     int count() const override;
     int capacity() const override { return kCapacity; }
+    // Refused with ENODEV once the device is lost.
     Status enqueue(SampleBuffer sample) override;
+    // After a write that failed because the device is gone (deleted, its module
+    // unloaded): the writer has stopped writing and said so once in the system log.
+    bool isLost() const override;
 
 private:
     // Everything the writer thread touches, shared with it.
