@@ -47,18 +47,19 @@ TEST(LoopbackSinkTest, FramesGoToTheDeviceFromTheWriterAndStoppingClosesIt)
         for (const std::thread::id writer : device->writerThreads())
             EXPECT_NE(writer, std::this_thread::get_id());
         EXPECT_EQ(device->framesTaken(), 3);
+        EXPECT_TRUE(QTest::qWaitFor([&] { return altered == 2; }, 1000)); // each frame's take is reported
         const auto began = std::chrono::steady_clock::now();
         EXPECT_TRUE(sink.stop());
-        EXPECT_LT(std::chrono::steady_clock::now() - began, 500ms);
+        EXPECT_LT(std::chrono::steady_clock::now() - began, LoopbackSink::kStopTimeout / 2);
         EXPECT_EQ(device->openDescriptors(), 1); // still the sink's until it goes
     }
     EXPECT_EQ(device->openDescriptors(), 0);
-    EXPECT_EQ(altered.load(), 2);
 }
 
 // A write failing because the device is gone (deleted, its module unloaded) is the
 // last: one line, no more writes, and the sink says it is lost and takes no frames.
 // Any other failure passes: one line per kind, and frames keep going to the device.
+// A lost device's descriptor is not touched again, not even to close it.
 TEST(LoopbackSinkTest, AWriteToAVanishedDeviceIsTheLast)
 {
     const struct
@@ -67,13 +68,15 @@ TEST(LoopbackSinkTest, AWriteToAVanishedDeviceIsTheLast)
         bool gone;
         QString line;
     } cases[] = {
-        {ENODEV, true, "Virtual camera device /dev/video10 is gone (No such device): no more frames are written to it"},
-        {EIO, true, "Virtual camera device /dev/video10 is gone (Input/output error): no more frames are written to it"},
+        {ENODEV, true, "Writing to /dev/video10 failed: No such device (the device is gone: no more frames are written to it)"},
+        {EIO, true, "Writing to /dev/video10 failed: Input/output error (the device is gone: no more frames are written "
+         "to it)"},
         {EAGAIN, false, "Writing to /dev/video10 failed: Resource temporarily unavailable"}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.error);
         auto device = std::make_shared<FakeLoopbackDevice>();
-        LoopbackSink sink(kNode, [] {}, device);
+        auto owned = std::make_unique<LoopbackSink>(kNode, [] {}, device);
+        LoopbackSink &sink = *owned;
         ASSERT_EQ(sink.start(), 0);
         ASSERT_TRUE(device->waitForWriteCalls(1));
         test::SystemLogCapture log;
@@ -89,6 +92,8 @@ TEST(LoopbackSinkTest, AWriteToAVanishedDeviceIsTheLast)
         EXPECT_TRUE(sink.stop());
         EXPECT_EQ(device->writeCalls(), c.gone ? 2 : 4);
         EXPECT_EQ(log.lines(), QStringList{c.line});
+        owned.reset();
+        EXPECT_EQ(device->openDescriptors(), c.gone ? 1 : 0);
     }
 }
 

@@ -86,10 +86,13 @@ struct LoopbackSink::Writer
         : devicePath(std::move(path)), queueAltered(std::move(altered)), io(std::move(deviceIo))
     {
     }
-    // The last owner closes the device: the sink, or a writer that outlived it.
+    // The last owner closes the device: the sink, or a writer that outlived it. A lost
+    // device's descriptor is left as it is until the process ends: once its module is
+    // gone (a forced unload), any further call on it can reach the unloaded module and
+    // oops the kernel in the calling thread.
     ~Writer()
     {
-        if (fd < 0)
+        if (fd < 0 || lost)
             return;
         if (streamOn) {
             int type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
@@ -143,7 +146,7 @@ void LoopbackSink::Writer::run()
             if (stopping)
                 break;
             if (firstFrame) {
-                black = firstFrame;
+                black = true;
                 firstFrame = false;
             } else {
                 sample = std::move(slots[static_cast<std::size_t>(head)]);
@@ -205,8 +208,8 @@ int LoopbackSink::Writer::writeFrame()
 
 void LoopbackSink::Writer::reportWriteFailure(int error)
 {
-    // One line per kind of failure, not one per frame: a device removed while
-    // streaming would otherwise flood the log thirty times a second.
+    // One line per kind of failure, not one per frame: a failure that lasts would
+    // otherwise flood the log thirty times a second.
     if (std::exchange(lastWriteError, error) != error)
         systemLog(QStringLiteral("Writing to ") + devicePath + QStringLiteral(" failed: ") + errorText(error));
 }
@@ -222,8 +225,8 @@ void LoopbackSink::Writer::giveUpDevice(int error)
         if (stopping)
             return; // the sink has gone on without us: nobody to tell
     }
-    systemLog(QStringLiteral("Virtual camera device ") + devicePath + QStringLiteral(" is gone (") + errorText(error) +
-              QStringLiteral("): no more frames are written to it"));
+    systemLog(QStringLiteral("Writing to ") + devicePath + QStringLiteral(" failed: ") + errorText(error) +
+              QStringLiteral(" (the device is gone: no more frames are written to it)"));
 }
 
 LoopbackSink::LoopbackSink(QString devicePath, std::function<void()> queueAltered, std::shared_ptr<VideoDeviceIo> io)
@@ -343,7 +346,7 @@ bool LoopbackSink::subscribeToReaderCount()
 
 int LoopbackSink::readerCount()
 {
-    if (m_shared->fd < 0 || !m_readerCountKnown)
+    if (m_shared->fd < 0 || !m_readerCountKnown || isLost())
         return -1;
     // The device is non-blocking: dequeue until no event is left; the last one counts.
     v4l2_event event{};

@@ -51,8 +51,8 @@ public:
     bool stop();
 
     // Whether anyone reads the device: the number of readers from v4l2loopback's
-    // client-usage event (0.13+), or "unknown" (-1) where the driver has no such event
-    // or the device is not open.
+    // client-usage event (0.13+), or "unknown" (-1) where the driver has no such event,
+    // the device is not open or is lost.
     int readerCount();
 
     int count() const override;
@@ -60,7 +60,8 @@ public:
     // Refused with ENODEV once the device is lost.
     Status enqueue(SampleBuffer sample) override;
     // After a write that failed because the device is gone (deleted, its module
-    // unloaded): the writer has stopped writing and said so once in the system log.
+    // unloaded): the writer has stopped writing and said so once in the system log, and
+    // the sink makes no more calls on the device.
     bool isLost() const override;
 
 private:
