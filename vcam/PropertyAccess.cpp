@@ -76,7 +76,7 @@ std::optional<CaptureDevice> getDevice(VirtualCameraSystem &system, const QStrin
     return std::nullopt;
 }
 
-std::optional<CaptureDevice> findVirtualCameraCaptureDevice(VirtualCameraSystem &system)
+std::optional<CaptureDevice> virtualCameraCaptureDevice(VirtualCameraSystem &system)
 {
     const auto devices =
         system.captureDevices({CaptureDeviceType::BuiltInWideAngleCamera, CaptureDeviceType::ExternalUnknown});
@@ -84,8 +84,15 @@ std::optional<CaptureDevice> findVirtualCameraCaptureDevice(VirtualCameraSystem 
         if (device.localizedName == kVirtualCameraName)
             return device;
     }
-    consoleLine(QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée."));
     return std::nullopt;
+}
+
+std::optional<CaptureDevice> findVirtualCameraCaptureDevice(VirtualCameraSystem &system)
+{
+    auto device = virtualCameraCaptureDevice(system);
+    if (!device)
+        consoleLine(QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée."));
+    return device;
 }
 
 } // namespace vistrel::vcam

@@ -23,8 +23,9 @@ void writeJustProperty(VirtualCameraSystem &system, ObjectID stream, const QStri
 // The capture world's view of the virtual camera.
 // First external device named exactly `name`; prints "getDevice name= <name>".
 std::optional<CaptureDevice> getDevice(VirtualCameraSystem &system, const QString &name);
-// The camera named "Vistrel" among built-in and external devices, with a console line
-// when there is none.
+// The camera named "Vistrel" among built-in and external devices.
+std::optional<CaptureDevice> virtualCameraCaptureDevice(VirtualCameraSystem &system);
+// The same, with a console line when there is none.
 std::optional<CaptureDevice> findVirtualCameraCaptureDevice(VirtualCameraSystem &system);
 
 inline const QString kVirtualCameraName = QStringLiteral("Vistrel");

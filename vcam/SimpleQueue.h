@@ -34,6 +34,9 @@ public:
     virtual int count() const = 0;
     virtual int capacity() const = 0;
     virtual Status enqueue(SampleBuffer sample) = 0;
+    // Whether the consumer is gone for good (the device behind it vanished): nothing
+    // enqueued will be taken any more, and frames need a new connection.
+    virtual bool isLost() const { return false; }
 };
 
 // Nanoseconds of the host clock (CLOCK_MONOTONIC), the time base of presentation times.

@@ -59,6 +59,39 @@ private:
     QPointer<QLabel> m_label;
 };
 
+// The virtual camera can vanish while the app runs (its device deleted, its module
+// unloaded); its sink then stops writing and reports itself lost. The first poll that
+// sees this takes the link down and shows what the window shows when there is no
+// virtual camera: the connecting placeholder, and the console line of a camera not
+// found. The lost sink stays in sinkQueue as the mark of that state (its streams are
+// gone, the gate is closed); each later poll connects again once the camera is listed.
+void followLostVirtualCamera(ViewController &vc)
+{
+    if (!vc.sinkQueue || !vc.sinkQueue->isLost())
+        return;
+    if (vc.sinkStream || vc.sourceStream) {
+        vc.sinkStream.reset();
+        vc.sourceStream.reset();
+        vc.needToStream = false;
+        vc.enqueued = false;
+        vc.readyToEnqueue = false;
+        delete vc.virtualCameraView;
+        vc.virtualCameraView = nullptr;
+        if (vc.previewSpinner) {
+            vc.previewSpinner->show();
+            vc.previewSpinner->startAnimation();
+        }
+        consoleLine(QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée."));
+        return;
+    }
+    vcam::VirtualCameraSystem *system = vc.services().virtualCamera;
+    if (!system || !vcam::virtualCameraCaptureDevice(*system))
+        return;
+    vc.connectVirtualCamera();
+    if (!vc.sinkQueue->isLost())
+        vc.showVirtualCameraPreview();
+}
+
 } // namespace
 
 void ViewController::startVirtualCameraLink()
@@ -244,6 +277,7 @@ void ViewController::pollStreamState()
 
 void ViewController::propertyTimer()
 {
+    followLostVirtualCamera(*this);
     pollStreamState();
 }
 

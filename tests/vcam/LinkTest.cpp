@@ -2,10 +2,14 @@
 // streams, the gate, the frames sent, the start-up and the preview's placeholder.
 // Streaming, Freeze and Stutter on a real loopback device are left to the VM lab.
 #include "../camera/ControllerFixture.h"
+#include "FakeLoopbackDevice.h"
+#include "FakeLoopbackMachine.h"
 #include "SimulatedExtension.h"
+#include "SystemLogCapture.h"
 #include "app/Spinner.h"
 #include "vcam/LoopbackPreview.h"
 #include "vcam/PixelBuffer.h"
+#include "vcam/v4l2loopback/LoopbackSystem.h"
 
 #include <QFrame>
 #include <QLabel>
@@ -230,6 +234,81 @@ TEST_F(LinkTest, ThePlaceholderCentresItsSpinnerAndStaysWhenThereIsNoPreview)
                                             QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée.")}));
     EXPECT_EQ(vc->virtualCameraView, nullptr);
     EXPECT_TRUE(label->isVisible());
+}
+
+// The link over the real v4l2loopback backend, on a machine whose "Vistrel" device
+// node is a stand-in that the test can make vanish and come back.
+class LoopbackLinkTest : public test::ControllerFixture
+{
+protected:
+    void SetUp() override
+    {
+        machine.loadModule(QStringLiteral("0.14.0"), QStringLiteral("Vistrel"));
+        machine.write(QStringLiteral("dev/video10"), {});
+        env.services.virtualCamera = &system;
+        ControllerFixture::SetUp();
+    }
+
+    // Ticks until the device has taken `frames` frames.
+    bool streamUntil(int frames)
+    {
+        return QTest::qWaitFor([&] {
+            vc->fireTimer();
+            return device->framesTaken() >= frames;
+        }, 5000);
+    }
+
+    test::FakeLoopbackMachine machine;
+    std::shared_ptr<test::FakeLoopbackDevice> device = std::make_shared<test::FakeLoopbackDevice>();
+    vcam::LoopbackSystem system{machine.path(QStringLiteral("sys")), machine.path(QStringLiteral("dev")), device};
+};
+
+// The device vanishes mid-stream: the sink stops writing after the failed write and
+// says so once, and the next poll shows the window as it is without a virtual camera
+// (the placeholder, the "not found" line). Once the device is back, a poll connects
+// again and frames flow to it.
+TEST_F(LoopbackLinkTest, AVanishedCameraIsShownGoneAndFedAgainWhenItComesBack)
+{
+    test::SystemLogCapture log;
+    ConsoleCapture console;
+    vc->connectVirtualCamera();
+    vc->showVirtualCameraPreview();
+    vc->propertyTimer();
+    ASSERT_TRUE(vc->needToStream);
+    vc->currentImage = QImage(64, 48, QImage::Format_RGB32);
+    ASSERT_TRUE(streamUntil(3));
+    ASSERT_TRUE(vc->virtualCameraView && vc->previewSpinner->isHidden());
+
+    QDir(machine.path(QStringLiteral("sys/class/video4linux/video10"))).removeRecursively();
+    device->setWrites(test::FakeLoopbackDevice::Writes::Failing, ENODEV);
+    ASSERT_TRUE(QTest::qWaitFor([&] {
+        vc->fireTimer();
+        return vc->sinkQueue->isLost();
+    }, 5000));
+    const int writes = device->writeCalls();
+    const QStringList before = console.lines();
+    for (int poll = 0; poll < 3; ++poll) {
+        vc->propertyTimer();
+        for (int tick = 0; tick < 5; ++tick)
+            vc->fireTimer();
+    }
+    EXPECT_EQ(device->writeCalls(), writes);
+    EXPECT_EQ(console.lines().mid(before.size()),
+              QStringList{QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée.")});
+    EXPECT_FALSE(vc->needToStream);
+    EXPECT_EQ(vc->virtualCameraView, nullptr);
+    EXPECT_TRUE(vc->previewSpinner->isVisibleTo(vc) && vc->previewSpinner->isAnimating());
+
+    machine.addDevice(10, QStringLiteral("Vistrel"), true);
+    device->setWrites(test::FakeLoopbackDevice::Writes::Taken);
+    vc->propertyTimer();
+    EXPECT_TRUE(vc->needToStream);
+    const int taken = device->framesTaken();
+    EXPECT_TRUE(streamUntil(taken + 3));
+    EXPECT_TRUE(vc->virtualCameraView && vc->previewSpinner->isHidden());
+    EXPECT_EQ(log.lines().filter(QStringLiteral("Writing to")),
+              QStringList{QStringLiteral("Writing to ") + machine.path(QStringLiteral("dev/video10")) +
+                          QStringLiteral(" failed: No such device (the device is gone: no more frames are written to it)")});
 }
 
 } // namespace

@@ -4,12 +4,18 @@
 #include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
 
+#include <array>
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/videodev2.h>
+#include <mutex>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace vistrel::vcam {
 
@@ -23,11 +29,20 @@ struct ClientUsageEvent
     std::uint32_t count;
 };
 
-int retryingIoctl(int fd, unsigned long request, void *argument)
+class KernelVideoDeviceIo final : public VideoDeviceIo
+{
+public:
+    int open(const QByteArray &path, int flags) override { return ::open(path.constData(), flags); }
+    int ioctl(int fd, unsigned long request, void *argument) override { return ::ioctl(fd, request, argument); }
+    ssize_t write(int fd, const void *data, std::size_t size) override { return ::write(fd, data, size); }
+    int close(int fd) override { return ::close(fd); }
+};
+
+int retryingIoctl(VideoDeviceIo &io, int fd, unsigned long request, void *argument)
 {
     int result;
     do {
-        result = ioctl(fd, request, argument);
+        result = io.ioctl(fd, request, argument);
     } while (result < 0 && errno == EINTR);
     return result;
 }
@@ -37,51 +52,247 @@ QString errorText(int error)
     return QString::fromLocal8Bit(std::strerror(error));
 }
 
+// Errors after which the descriptor is dead: the device was deleted or its module
+// unloaded. Another write could only fail again (or hang).
+bool isDeviceGone(int error)
+{
+    return error == ENODEV || error == ENXIO || error == EIO || error == EBADF;
+}
+
+// Writer threads that did not stop in time, each most likely inside a write() that
+// may never return. Joining one would hang whoever stops the sink, and a std::thread
+// destroyed while still joinable ends the program (std::terminate), so they are kept
+// here for the rest of the process: the list is never destroyed, and the process's
+// exit ends the threads. Each owns, through its shared Writer, all it can still touch.
+void keepAbandonedWriter(std::thread writer)
+{
+    static auto *guard = new std::mutex;
+    static auto *writers = new std::vector<std::thread>;
+    std::lock_guard lock(*guard);
+    writers->push_back(std::move(writer));
+}
+
 } // namespace
 
-LoopbackSink::LoopbackSink(QString devicePath, std::function<void()> queueAltered)
-    : m_devicePath(std::move(devicePath)), m_queueAltered(std::move(queueAltered))
+std::shared_ptr<VideoDeviceIo> VideoDeviceIo::kernel()
+{
+    static const auto io = std::make_shared<KernelVideoDeviceIo>();
+    return io;
+}
+
+struct LoopbackSink::Writer
+{
+    Writer(QString path, std::function<void()> altered, std::shared_ptr<VideoDeviceIo> deviceIo)
+        : devicePath(std::move(path)), queueAltered(std::move(altered)), io(std::move(deviceIo))
+    {
+    }
+    // The last owner closes the device: the sink, or a writer that outlived it. A lost
+    // device's descriptor is left as it is until the process ends: once its module is
+    // gone (a forced unload), any further call on it can reach the unloaded module and
+    // oops the kernel in the calling thread.
+    ~Writer()
+    {
+        if (fd < 0 || lost)
+            return;
+        if (streamOn) {
+            int type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+            retryingIoctl(*io, fd, VIDIOC_STREAMOFF, &type);
+        }
+        io->close(fd);
+    }
+
+    void run();
+    // 0, or the errno of a failed write of the converted frame.
+    int writeFrame();
+    void reportWriteFailure(int error);
+    void giveUpDevice(int error);
+
+    const QString devicePath;
+    const std::function<void()> queueAltered;
+    const std::shared_ptr<VideoDeviceIo> io;
+    // Set by start() before the writer runs; constant from then on.
+    int fd = -1;
+    bool streamOn = false;
+
+    mutable std::mutex mutex;
+    std::condition_variable wake;     // a frame to write, or stop
+    std::condition_variable finished; // the writer's loop has ended
+    std::array<SampleBuffer, kCapacity> slots;
+    int head = 0;
+    int count = 0;
+    bool firstFrame = false; // the black frame that starts the device is due
+    bool stopping = false;
+    bool lost = false; // the device is gone: nothing is written any more
+    bool done = false;
+    // Held while the queue-altered callback runs, so that none runs once stop() has
+    // taken it: the callback's owner may be gone after that.
+    std::mutex callback;
+    std::atomic<bool> inWrite{false};
+
+    // The writer's own:
+    std::vector<std::uint8_t> yuyv;
+    BgraToYuyvConverter toYuyv;
+    int lastWriteError = 0;
+};
+
+void LoopbackSink::Writer::run()
+{
+    for (;;) {
+        SampleBuffer sample;
+        bool black = false;
+        {
+            std::unique_lock lock(mutex);
+            wake.wait(lock, [this] { return stopping || firstFrame || count > 0; });
+            if (stopping)
+                break;
+            if (firstFrame) {
+                black = true;
+                firstFrame = false;
+            } else {
+                sample = std::move(slots[static_cast<std::size_t>(head)]);
+                head = (head + 1) % kCapacity;
+                --count;
+            }
+        }
+        if (black) {
+            fillYuyvBlack(yuyv.data(), kWidth, kHeight);
+            if (const int error = writeFrame()) {
+                if (isDeviceGone(error)) {
+                    giveUpDevice(error);
+                    break;
+                }
+                systemLog(devicePath + QStringLiteral(": first frame not written: ") + errorText(error));
+            }
+            continue;
+        }
+        if (sample.imageBuffer && sample.imageBuffer->width() == kWidth && sample.imageBuffer->height() == kHeight) {
+            toYuyv.convert(*sample.imageBuffer, yuyv.data());
+            // The pixels are converted: the buffer can go back to the pool now.
+            sample.imageBuffer.reset();
+            if (const int error = writeFrame()) {
+                if (isDeviceGone(error)) {
+                    giveUpDevice(error);
+                    break;
+                }
+                reportWriteFailure(error);
+            } else {
+                lastWriteError = 0;
+            }
+        }
+        std::lock_guard calling(callback);
+        {
+            std::lock_guard lock(mutex);
+            if (stopping)
+                break;
+        }
+        queueAltered();
+    }
+    {
+        std::lock_guard lock(mutex);
+        done = true;
+    }
+    finished.notify_all();
+}
+
+int LoopbackSink::Writer::writeFrame()
+{
+    inWrite = true;
+    ssize_t written;
+    do {
+        written = io->write(fd, yuyv.data(), yuyv.size());
+    } while (written < 0 && errno == EINTR);
+    const int error = written < 0 ? errno : 0;
+    inWrite = false;
+    return error;
+}
+
+void LoopbackSink::Writer::reportWriteFailure(int error)
+{
+    // One line per kind of failure, not one per frame: a failure that lasts would
+    // otherwise flood the log thirty times a second.
+    if (std::exchange(lastWriteError, error) != error)
+        systemLog(QStringLiteral("Writing to ") + devicePath + QStringLiteral(" failed: ") + errorText(error));
+}
+
+void LoopbackSink::Writer::giveUpDevice(int error)
+{
+    {
+        std::lock_guard lock(mutex);
+        lost = true;
+        for (SampleBuffer &queued : slots)
+            queued = {};
+        count = 0;
+        if (stopping)
+            return; // the sink has gone on without us: nobody to tell
+    }
+    systemLog(QStringLiteral("Writing to ") + devicePath + QStringLiteral(" failed: ") + errorText(error) +
+              QStringLiteral(" (the device is gone: no more frames are written to it)"));
+}
+
+LoopbackSink::LoopbackSink(QString devicePath, std::function<void()> queueAltered, std::shared_ptr<VideoDeviceIo> io)
+    : m_shared(std::make_shared<Writer>(std::move(devicePath), std::move(queueAltered), std::move(io)))
 {
 }
 
 LoopbackSink::~LoopbackSink()
 {
+    stop();
+}
+
+bool LoopbackSink::isStarted() const
+{
+    return m_shared->fd >= 0;
+}
+
+bool LoopbackSink::stop()
+{
+    if (!m_writer.joinable())
+        return true;
+    Writer &writer = *m_shared;
+    bool stopped;
     {
-        std::lock_guard lock(m_mutex);
-        m_stopping = true;
+        std::unique_lock lock(writer.mutex);
+        writer.stopping = true;
+        writer.wake.notify_all();
+        stopped = writer.finished.wait_for(lock, kStopTimeout, [&] { return writer.done; });
     }
-    m_wake.notify_all();
-    if (m_writer.joinable())
+    if (stopped) {
         m_writer.join();
-    if (m_fd >= 0) {
-        if (m_streamOn) {
-            int type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
-            retryingIoctl(m_fd, VIDIOC_STREAMOFF, &type);
-        }
-        ::close(m_fd);
+        return true;
     }
+    // Given up: once the callback lock is ours, the writer sees `stopping` before it
+    // could call back, so the callback's owner may go.
+    std::lock_guard calling(writer.callback);
+    systemLog(QStringLiteral("Virtual camera writer did not stop within ") + QString::number(kStopTimeout.count()) +
+              QStringLiteral(" s: given up") +
+              (writer.inWrite ? QStringLiteral(", stuck in a write to ") + writer.devicePath : QString()));
+    keepAbandonedWriter(std::move(m_writer));
+    return false;
 }
 
 Status LoopbackSink::start()
 {
-    if (m_fd >= 0)
+    Writer &writer = *m_shared;
+    if (writer.fd >= 0)
         return 0;
-    const int fd = ::open(m_devicePath.toLocal8Bit().constData(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    VideoDeviceIo &io = *writer.io;
+    const QString &devicePath = writer.devicePath;
+    const int fd = io.open(devicePath.toLocal8Bit(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
         const int error = errno;
-        systemLog(QStringLiteral("Cannot open ") + m_devicePath + QStringLiteral(" for output: ") + errorText(error));
+        systemLog(QStringLiteral("Cannot open ") + devicePath + QStringLiteral(" for output: ") + errorText(error));
         return error;
     }
     auto fail = [&](const char *step) {
         const int error = errno ? errno : EINVAL;
-        systemLog(m_devicePath + QStringLiteral(": ") + QLatin1String(step) + QStringLiteral(" failed: ") +
+        systemLog(devicePath + QStringLiteral(": ") + QLatin1String(step) + QStringLiteral(" failed: ") +
                   errorText(error));
-        ::close(fd);
+        io.close(fd);
         return error;
     };
 
     v4l2_capability capability{};
-    if (retryingIoctl(fd, VIDIOC_QUERYCAP, &capability) < 0)
+    if (retryingIoctl(io, fd, VIDIOC_QUERYCAP, &capability) < 0)
         return fail("VIDIOC_QUERYCAP");
     const std::uint32_t caps = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) ? capability.device_caps
                                                                                  : capability.capabilities;
@@ -95,7 +306,7 @@ Status LoopbackSink::start()
     v4l2_streamparm parameters{};
     parameters.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
     parameters.parm.output.timeperframe = {1, kFrameRate};
-    retryingIoctl(fd, VIDIOC_S_PARM, &parameters); // older releases ignore it; not fatal
+    retryingIoctl(io, fd, VIDIOC_S_PARM, &parameters); // older releases ignore it; not fatal
 
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
@@ -106,24 +317,22 @@ Status LoopbackSink::start()
     format.fmt.pix.bytesperline = kWidth * 2;
     format.fmt.pix.sizeimage = static_cast<std::uint32_t>(yuyvFrameBytes(kWidth, kHeight));
     format.fmt.pix.colorspace = V4L2_COLORSPACE_SRGB;
-    if (retryingIoctl(fd, VIDIOC_S_FMT, &format) < 0)
+    if (retryingIoctl(io, fd, VIDIOC_S_FMT, &format) < 0)
         return fail("VIDIOC_S_FMT");
 
     int type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
-    m_streamOn = retryingIoctl(fd, VIDIOC_STREAMON, &type) == 0;
-    m_fd = fd;
+    writer.streamOn = retryingIoctl(io, fd, VIDIOC_STREAMON, &type) == 0;
+    writer.fd = fd;
     m_readerCountKnown = subscribeToReaderCount();
 
-    m_yuyv.resize(yuyvFrameBytes(kWidth, kHeight));
-    fillYuyvBlack(m_yuyv.data(), kWidth, kHeight);
-    if (::write(m_fd, m_yuyv.data(), m_yuyv.size()) < 0)
-        systemLog(m_devicePath + QStringLiteral(": first frame not written: ") + errorText(errno));
+    writer.yuyv.resize(yuyvFrameBytes(kWidth, kHeight));
+    writer.firstFrame = true; // written by the writer, first of all
 
-    systemLog(QStringLiteral("Virtual camera output on ") + m_devicePath +
-              (m_streamOn ? QStringLiteral(" (stream-on)") : QStringLiteral(" (write)")) +
+    systemLog(QStringLiteral("Virtual camera output on ") + devicePath +
+              (writer.streamOn ? QStringLiteral(" (stream-on)") : QStringLiteral(" (write)")) +
               (m_readerCountKnown ? QStringLiteral(", reader count from the driver")
                                   : QStringLiteral(", reader count unknown")));
-    m_writer = std::thread([this] { writeFrames(); });
+    m_writer = std::thread([shared = m_shared] { shared->run(); });
     return 0;
 }
 
@@ -132,16 +341,16 @@ bool LoopbackSink::subscribeToReaderCount()
     v4l2_event_subscription subscription{};
     subscription.type = kClientUsageEvent;
     subscription.flags = V4L2_EVENT_SUB_FL_SEND_INITIAL;
-    return retryingIoctl(m_fd, VIDIOC_SUBSCRIBE_EVENT, &subscription) == 0;
+    return retryingIoctl(*m_shared->io, m_shared->fd, VIDIOC_SUBSCRIBE_EVENT, &subscription) == 0;
 }
 
 int LoopbackSink::readerCount()
 {
-    if (m_fd < 0 || !m_readerCountKnown)
+    if (m_shared->fd < 0 || !m_readerCountKnown || isLost())
         return -1;
     // The device is non-blocking: dequeue until no event is left; the last one counts.
     v4l2_event event{};
-    while (retryingIoctl(m_fd, VIDIOC_DQEVENT, &event) == 0) {
+    while (retryingIoctl(*m_shared->io, m_shared->fd, VIDIOC_DQEVENT, &event) == 0) {
         if (event.type == kClientUsageEvent) {
             ClientUsageEvent usage{};
             std::memcpy(&usage, event.u.data, sizeof usage);
@@ -151,57 +360,32 @@ int LoopbackSink::readerCount()
     return m_readers < 0 ? 0 : m_readers;
 }
 
+bool LoopbackSink::isLost() const
+{
+    std::lock_guard lock(m_shared->mutex);
+    return m_shared->lost;
+}
+
 int LoopbackSink::count() const
 {
-    std::lock_guard lock(m_mutex);
-    return m_count;
+    std::lock_guard lock(m_shared->mutex);
+    return m_shared->count;
 }
 
 Status LoopbackSink::enqueue(SampleBuffer sample)
 {
+    Writer &writer = *m_shared;
     {
-        std::lock_guard lock(m_mutex);
-        if (m_count == kCapacity || m_stopping || !m_writer.joinable())
+        std::lock_guard lock(writer.mutex);
+        if (writer.lost)
+            return ENODEV;
+        if (writer.count == kCapacity || writer.stopping || !m_writer.joinable())
             return -1;
-        m_slots[static_cast<std::size_t>((m_head + m_count) % kCapacity)] = std::move(sample);
-        ++m_count;
+        writer.slots[static_cast<std::size_t>((writer.head + writer.count) % kCapacity)] = std::move(sample);
+        ++writer.count;
     }
-    m_wake.notify_one();
+    writer.wake.notify_one();
     return 0;
-}
-
-void LoopbackSink::writeFrames()
-{
-    for (;;) {
-        SampleBuffer sample;
-        {
-            std::unique_lock lock(m_mutex);
-            m_wake.wait(lock, [this] { return m_stopping || m_count > 0; });
-            if (m_stopping)
-                return;
-            sample = std::move(m_slots[static_cast<std::size_t>(m_head)]);
-            m_head = (m_head + 1) % kCapacity;
-            --m_count;
-        }
-        if (sample.imageBuffer && sample.imageBuffer->width() == kWidth && sample.imageBuffer->height() == kHeight) {
-            m_toYuyv.convert(*sample.imageBuffer, m_yuyv.data());
-            // The pixels are converted: the buffer can go back to the pool now.
-            sample.imageBuffer.reset();
-            if (::write(m_fd, m_yuyv.data(), m_yuyv.size()) < 0)
-                reportWriteFailure(errno);
-            else
-                m_lastWriteError.store(0, std::memory_order_relaxed);
-        }
-        m_queueAltered();
-    }
-}
-
-void LoopbackSink::reportWriteFailure(int error)
-{
-    // One line per kind of failure, not one per frame: a device removed while
-    // streaming would otherwise flood the log thirty times a second.
-    if (m_lastWriteError.exchange(error, std::memory_order_relaxed) != error)
-        systemLog(QStringLiteral("Writing to ") + m_devicePath + QStringLiteral(" failed: ") + errorText(error));
 }
 
 } // namespace vistrel::vcam

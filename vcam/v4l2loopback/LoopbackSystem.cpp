@@ -37,8 +37,8 @@ std::uint32_t copyString(const QString &value, std::uint32_t dataSize, void *dat
 
 } // namespace
 
-LoopbackSystem::LoopbackSystem(QString sysRoot, QString devRoot)
-    : m_sysRoot(std::move(sysRoot)), m_devRoot(std::move(devRoot))
+LoopbackSystem::LoopbackSystem(QString sysRoot, QString devRoot, std::shared_ptr<VideoDeviceIo> io)
+    : m_sysRoot(std::move(sysRoot)), m_devRoot(std::move(devRoot)), m_io(std::move(io))
 {
 }
 
@@ -173,7 +173,7 @@ Status LoopbackSystem::copyBufferQueue(ObjectID stream, std::function<void()> qu
     const Entry *found = entry(stream);
     if (!found || found->role != Role::SinkStream || !queue || !queueAltered)
         return EINVAL;
-    auto sink = std::make_shared<LoopbackSink>(found->node, std::move(queueAltered));
+    auto sink = std::make_shared<LoopbackSink>(found->node, std::move(queueAltered), m_io);
     m_sinks[found->node] = sink;
     *queue = std::move(sink);
     return 0;

@@ -1,5 +1,6 @@
 #pragma once
 #include "vcam/VirtualCameraSystem.h"
+#include "vcam/v4l2loopback/VideoDeviceIo.h"
 
 #include <QString>
 #include <map>
@@ -21,7 +22,9 @@ class LoopbackSink;
 class LoopbackSystem final : public VirtualCameraSystem
 {
 public:
-    explicit LoopbackSystem(QString sysRoot = QStringLiteral("/sys"), QString devRoot = QStringLiteral("/dev"));
+    // The device nodes are opened through io: the kernel's, or a test's stand-in.
+    explicit LoopbackSystem(QString sysRoot = QStringLiteral("/sys"), QString devRoot = QStringLiteral("/dev"),
+                            std::shared_ptr<VideoDeviceIo> io = VideoDeviceIo::kernel());
     ~LoopbackSystem() override;
 
     bool hasProperty(ObjectID object, const PropertyAddress &address) override;
@@ -60,6 +63,7 @@ private:
 
     const QString m_sysRoot;
     const QString m_devRoot;
+    const std::shared_ptr<VideoDeviceIo> m_io;
     std::map<QString, Device> m_devicesByNode;
     std::map<ObjectID, Entry> m_objects;
     ObjectID m_nextObject = 16;
