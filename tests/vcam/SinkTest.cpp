@@ -3,6 +3,8 @@
 // returns, a device that goes away).
 #include "FakeLoopbackDevice.h"
 #include "SystemLogCapture.h"
+#include "TestHome.h"
+#include "app/TraceLog.h"
 #include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/LoopbackSink.h"
 
@@ -128,6 +130,8 @@ TEST(LoopbackSinkDeathTest, AWriteThatNeverReturnsHoldsUpNeitherStartNorQuit)
             const auto took = std::chrono::steady_clock::now() - began;
             expect(took >= LoopbackSink::kStopTimeout - 100ms && took < LoopbackSink::kStopTimeout + 1s,
                    "stopping waited for the writer, and no longer than the bound");
+            expect(test::readFile(traceLogPath()).contains("did not stop within 2 s: given up, stuck in a write"),
+                   "the trace says what was given up");
             std::exit(0);
         },
         testing::ExitedWithCode(0),

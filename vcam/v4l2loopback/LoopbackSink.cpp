@@ -1,6 +1,7 @@
 #include "vcam/v4l2loopback/LoopbackSink.h"
 
 #include "app/SystemLog.h"
+#include "app/TraceLog.h"
 #include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
 
@@ -225,8 +226,8 @@ void LoopbackSink::Writer::giveUpDevice(int error)
         if (stopping)
             return; // the sink has gone on without us: nobody to tell
     }
-    systemLog(QStringLiteral("Writing to ") + devicePath + QStringLiteral(" failed: ") + errorText(error) +
-              QStringLiteral(" (the device is gone: no more frames are written to it)"));
+    traceLog(QStringLiteral("Writing to ") + devicePath + QStringLiteral(" failed: ") + errorText(error) +
+             QStringLiteral(" (the device is gone: no more frames are written to it)"));
 }
 
 LoopbackSink::LoopbackSink(QString devicePath, std::function<void()> queueAltered, std::shared_ptr<VideoDeviceIo> io)
@@ -263,9 +264,9 @@ bool LoopbackSink::stop()
     // Given up: once the callback lock is ours, the writer sees `stopping` before it
     // could call back, so the callback's owner may go.
     std::lock_guard calling(writer.callback);
-    systemLog(QStringLiteral("Virtual camera writer did not stop within ") + QString::number(kStopTimeout.count()) +
-              QStringLiteral(" s: given up") +
-              (writer.inWrite ? QStringLiteral(", stuck in a write to ") + writer.devicePath : QString()));
+    traceLog(QStringLiteral("Virtual camera writer did not stop within ") + QString::number(kStopTimeout.count()) +
+             QStringLiteral(" s: given up") +
+             (writer.inWrite ? QStringLiteral(", stuck in a write to ") + writer.devicePath : QString()));
     keepAbandonedWriter(std::move(m_writer));
     return false;
 }
