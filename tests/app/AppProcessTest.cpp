@@ -2,22 +2,27 @@
 #include "TestHome.h"
 
 #include <QProcess>
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
 #include <gtest/gtest.h>
+
+#include <csignal>
 
 namespace {
 
 const QString kBinary = QStringLiteral(VISTREL_BINARY_DIR "/bin/vistrel");
 
-// Starts `executable` on the main-window path, as a user who finished onboarding.
+const QByteArray kFinishedOnboarding = "[General]\nonboardingComplete=true\nextensionInstalled=true\n";
+
+// Starts `executable` with the given settings file; by default on the main-window path,
+// as a user who finished onboarding.
 class AppProcess
 {
 public:
-    explicit AppProcess(const QString &executable)
+    explicit AppProcess(const QString &executable, const QByteArray &settings = kFinishedOnboarding)
     {
-        vistrel::test::writeFile(home.filePath(QStringLiteral(".config/Vistrel/Vistrel.conf")),
-                                 "[General]\nonboardingComplete=true\nextensionInstalled=true\n");
+        vistrel::test::writeFile(settingsPath(), settings);
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("HOME"), home.path());
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral(".config")));
@@ -37,6 +42,7 @@ public:
     }
     QString read(const char *file) const { return QString::fromUtf8(vistrel::test::readFile(home.filePath(QLatin1String(file)))); }
     QString trace() const { return read("vistrel-trace.log"); }
+    QString settingsPath() const { return home.filePath(QStringLiteral(".config/Vistrel/Vistrel.conf")); }
     bool launched() { return waitFor("vistrel-trace.log", QStringLiteral("didFinishLaunching EXIT")); }
 
     QTemporaryDir home;
@@ -83,4 +89,35 @@ TEST(AppProcess, WithoutItsInterfaceFileShowsTheFallbackWindow)
     AppProcess app(copy);
     ASSERT_TRUE(app.launched());
     EXPECT_TRUE(app.waitFor("errors", QStringLiteral("fallback window shown")));
+}
+
+// Logout, `systemctl --user stop`, `kill` and Ctrl+C end the app as its Exit buttons do:
+// a normal exit, a trace line naming the signal, and the completion flag reset when
+// onboarding was still on screen (kept on the main-window path).
+TEST(AppProcess, TerminationSignalsEndTheAppThroughItsNormalTermination)
+{
+    // No stored extension record and none installed: onboarding, although the flag says done.
+    const QByteArray onboarding = "[General]\nonboardingComplete=true\n";
+    const struct { int signal; const char *name; const QByteArray &settings; bool onboardingPath; } cases[] = {
+        {SIGTERM, "SIGTERM", onboarding, true},
+        {SIGINT, "SIGINT", onboarding, true},
+        {SIGHUP, "SIGHUP", onboarding, true},
+        {SIGTERM, "SIGTERM", kFinishedOnboarding, false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        AppProcess app(kBinary, c.settings);
+        ASSERT_TRUE(app.launched()) << app.trace().toStdString();
+        ASSERT_TRUE(app.trace().contains(c.onboardingPath ? QStringLiteral("taking ONBOARDING path")
+                                                          : QStringLiteral("taking MAIN WINDOW path")));
+        ASSERT_EQ(::kill(static_cast<pid_t>(app.process.processId()), c.signal), 0);
+        ASSERT_TRUE(app.process.waitForFinished(10000));
+        EXPECT_EQ(app.process.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(app.process.exitCode(), 0);
+        EXPECT_TRUE(app.trace().endsWith(QStringLiteral("] terminating on %1\n").arg(QLatin1String(c.name))))
+            << app.trace().toStdString();
+        const QSettings stored(app.settingsPath(), QSettings::IniFormat);
+        EXPECT_EQ(stored.value(QStringLiteral("onboardingComplete")).toString(),
+                  c.onboardingPath ? QStringLiteral("false") : QStringLiteral("true"));
+    }
 }
