@@ -20,12 +20,15 @@ const QByteArray kFinishedOnboarding = "[General]\nonboardingComplete=true\nexte
 class AppProcess
 {
 public:
-    explicit AppProcess(const QString &executable, const QByteArray &settings = kFinishedOnboarding)
+    explicit AppProcess(const QString &executable, const QByteArray &settings = kFinishedOnboarding,
+                        const QList<std::pair<QString, QString>> &environment = {})
     {
         vistrel::test::writeFile(settingsPath(), settings);
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("HOME"), home.path());
         env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.filePath(QStringLiteral(".config")));
+        for (const auto &[name, value] : environment)
+            env.insert(name, value);
         process.setProcessEnvironment(env);
         process.setStandardErrorFile(home.filePath(QStringLiteral("errors")));
         process.start(executable);
@@ -45,7 +48,7 @@ public:
     QString settingsPath() const { return home.filePath(QStringLiteral(".config/Vistrel/Vistrel.conf")); }
     bool launched() { return waitFor("vistrel-trace.log", QStringLiteral("didFinishLaunching EXIT")); }
 
-    QTemporaryDir home;
+    QTemporaryDir home{QStringLiteral("/tmp/vsh-XXXXXX")}; // short: the instance's socket path lies inside
     QProcess process;
 };
 
@@ -120,4 +123,24 @@ TEST(AppProcess, TerminationSignalsEndTheAppThroughItsNormalTermination)
         EXPECT_EQ(stored.value(QStringLiteral("onboardingComplete")).toString(),
                   c.onboardingPath ? QStringLiteral("false") : QStringLiteral("true"));
     }
+}
+
+// A runtime folder that others can enter is not used for the single-instance socket:
+// the app says so, starts, and a second launch still finds it (through the fallback).
+TEST(AppProcess, AnOpenRuntimeFolderIsRefusedAndTheAppStillStartsAlone)
+{
+    QTemporaryDir runtime(QStringLiteral("/tmp/vst-XXXXXX"));
+    ASSERT_TRUE(QFile::setPermissions(runtime.path(), QFileDevice::Permissions(0x7777)));
+    AppProcess first(kBinary, kFinishedOnboarding, {{QStringLiteral("XDG_RUNTIME_DIR"), runtime.path()}});
+    ASSERT_TRUE(first.launched());
+    EXPECT_TRUE(first.read("errors").contains(QStringLiteral("[Vistrel] XDG_RUNTIME_DIR %1 is not private to this user (").arg(runtime.path())))
+        << first.read("errors").toStdString();
+    EXPECT_TRUE(QDir(runtime.path()).isEmpty()) << "nothing is put where others can reach it";
+
+    QProcess second;
+    second.setProcessEnvironment(first.process.processEnvironment());
+    second.start(kBinary);
+    ASSERT_TRUE(second.waitForFinished(10000));
+    EXPECT_EQ(second.exitCode(), 0);
+    EXPECT_TRUE(first.waitFor("errors", QStringLiteral("[Vistrel] reopen requested by a second launch")));
 }
