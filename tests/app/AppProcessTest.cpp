@@ -144,3 +144,23 @@ TEST(AppProcess, AnOpenRuntimeFolderIsRefusedAndTheAppStillStartsAlone)
     EXPECT_EQ(second.exitCode(), 0);
     EXPECT_TRUE(first.waitFor("errors", QStringLiteral("[Vistrel] reopen requested by a second launch")));
 }
+
+// The real program over a damaged settings file: it starts on the onboarding path (the
+// odd flag reads as absent), and quitting then stores "not complete" in that one line,
+// leaving every other byte of the file as it was.
+TEST(AppProcess, ADamagedSettingsFileIsReadAsAbsentAndNotRewritten)
+{
+    const QByteArray damaged = QByteArray("# mine\n[General]\nonboardingComplete=maybe\nextensionInstalled=@Variant(\\0\\0\\0\\x7f)\n")
+                               + QByteArray("blob=\x00\xff\xfe\n", 11) + "[Broken\nx=1\n[Other]\nhuge=" + QByteArray(1 << 20, 'z')
+                               + "\ntruncated=\"open";
+    AppProcess app(kBinary, damaged);
+    ASSERT_TRUE(app.launched()) << app.read("errors").toStdString();
+    EXPECT_TRUE(app.trace().contains(QStringLiteral("didFinishLaunching state — onboardingComplete=false ")));
+    EXPECT_TRUE(app.trace().contains(QStringLiteral("taking ONBOARDING path")));
+    ASSERT_EQ(::kill(static_cast<pid_t>(app.process.processId()), SIGTERM), 0);
+    ASSERT_TRUE(app.process.waitForFinished(10000));
+    EXPECT_EQ(app.process.exitCode(), 0);
+    QByteArray expected = damaged;
+    expected.replace("onboardingComplete=maybe\n", "onboardingComplete=false\n");
+    EXPECT_TRUE(vistrel::test::readFile(app.settingsPath()) == expected) << "the settings file was rewritten";
+}
