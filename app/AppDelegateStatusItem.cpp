@@ -5,6 +5,7 @@
 #include "app/Platform.h"
 #include "app/SystemLog.h"
 #include "app/WindowPlacement.h"
+#include "onboarding/OnboardingCoordinator.h"
 #include "onboarding/OnboardingManager.h"
 
 #include <QAbstractButton>
@@ -94,6 +95,14 @@ void AppDelegate::applicationShouldHandleReopen()
     if (!onboardingInProgress && mainWindowController && mainWindowController->window()) {
         showMainWindowBelowStatusItem();
         return;
+    }
+    // Closing the set-up window only hides it: the app keeps running so that an extension
+    // installation under way still gets its answer, its alerts and its relaunch. With no
+    // status item on this path, launching the app again is how the user gets back to it,
+    // so the window comes back here even when it was closed.
+    if (onboardingInProgress) {
+        if (OnboardingWindowController *controller = onboardingWindowController())
+            controller->showWindow();
     }
     // The fallback or the onboarding window, whichever this launch shows.
     for (QWidget *window : QApplication::topLevelWidgets()) {

@@ -1,5 +1,6 @@
 #include "app/ControlSocket.h"
 
+#include "app/LocalSocketPath.h"
 #include "app/SystemLog.h"
 #include "camera/ViewController.h"
 
@@ -46,10 +47,13 @@ std::unique_ptr<ControlSocket> ControlSocket::fromEnvironment(FileDialogs &panel
 
 bool ControlSocket::listen(const QString &path, QString *error)
 {
+    // A socket file of ours left by a run that crashed would block the name; anything
+    // else at the path (a file, a folder, a live or another user's socket) is not ours
+    // to remove.
+    if (!claimSocketPath(path, error))
+        return false;
     auto server = std::make_unique<QLocalServer>();
     server->setSocketOptions(QLocalServer::UserAccessOption);
-    // A socket file left by a previous run that crashed would block the name.
-    QLocalServer::removeServer(path);
     if (!server->listen(path)) {
         if (error)
             *error = server->errorString();

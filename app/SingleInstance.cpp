@@ -1,9 +1,14 @@
 #include "app/SingleInstance.h"
 
+#include "app/LocalSocketPath.h"
+#include "app/SystemLog.h"
+
 #include <QDir>
 #include <QLocalServer>
 #include <QLocalSocket>
-#include <unistd.h>
+
+#include <cerrno>
+#include <sys/stat.h>
 
 namespace vistrel {
 
@@ -13,7 +18,14 @@ const QByteArray kShowRequest = QByteArrayLiteral("show\n");
 
 QString SingleInstance::defaultKey()
 {
-    return QStringLiteral("app.vistrel.Vistrel-%1-%2").arg(::getuid()).arg(qHash(QDir::homePath()), 0, 16);
+    // The runtime folder is per user, not per home folder; the home's hash keeps two
+    // sessions with different homes apart.
+    const QString folder = privateRuntimeFolder();
+    if (folder.isEmpty()) {
+        systemLog(QStringLiteral("single instance disabled: a second launch will start another Vistrel"));
+        return {};
+    }
+    return folder + QStringLiteral("/app.vistrel.Vistrel-%1").arg(qHash(QDir::homePath()), 0, 16);
 }
 
 SingleInstance::SingleInstance(QString key, QObject *parent) : QObject(parent), m_key(std::move(key)) {}
@@ -22,8 +34,18 @@ SingleInstance::~SingleInstance() = default;
 
 bool SingleInstance::notifyRunningInstance(int timeoutMs)
 {
+    if (m_key.isEmpty())
+        return false;
+    struct stat st {};
+    if (::lstat(QFile::encodeName(m_key).constData(), &st) != 0 && errno == ENOENT)
+        return false;
+    QString why;
+    if (!isOwnSocket(m_key, &why)) {
+        systemLog(QStringLiteral("single instance: ignoring ") + m_key + QStringLiteral(", not a socket of this user (")
+                  + why + QStringLiteral(")"));
+        return false;
+    }
     QLocalSocket socket;
-    socket.setSocketOptions(QLocalSocket::AbstractNamespaceOption);
     socket.connectToServer(m_key);
     if (!socket.waitForConnected(timeoutMs))
         return false;
@@ -37,9 +59,19 @@ bool SingleInstance::listen()
 {
     if (m_server)
         return true;
+    if (m_key.isEmpty())
+        return false;
+    QString why;
+    if (!claimSocketPath(m_key, &why)) {
+        systemLog(QStringLiteral("single instance: cannot listen on ") + m_key + QStringLiteral(" (") + why
+                  + QStringLiteral(")"));
+        return false;
+    }
+    // No access options: the folder already keeps others out.
     auto *server = new QLocalServer(this);
-    server->setSocketOptions(QLocalServer::AbstractNamespaceOption);
     if (!server->listen(m_key)) {
+        systemLog(QStringLiteral("single instance: cannot listen on ") + m_key + QStringLiteral(" (")
+                  + server->errorString() + QStringLiteral(")"));
         delete server;
         return false;
     }

@@ -14,16 +14,20 @@ class SingleInstance : public QObject
 {
     Q_OBJECT
 public:
-    // The name for this user and home folder, in the abstract socket namespace (no
-    // file is left behind by a crash).
+    // The socket path for this user and home folder, in the user's private runtime
+    // folder (see privateRuntimeFolder), where no other user can take the name first or
+    // connect to it. Empty when there is no such folder: each launch then runs alone.
     static QString defaultKey();
 
+    // `key` is the socket's path; an empty key claims nothing and finds nobody.
     explicit SingleInstance(QString key, QObject *parent = nullptr);
     ~SingleInstance() override;
 
     // Tells an instance already running to show itself; answers whether there was one.
+    // Only a socket file of this user is trusted; anything else is logged and ignored.
     bool notifyRunningInstance(int timeoutMs = 500);
-    // Claims the name; answers false when another process holds it.
+    // Claims the name, replacing a socket file left by a crash; answers false (with a
+    // line on the system log) when another process holds it or the path is not ours.
     bool listen();
     void release();
     bool isListening() const;

@@ -1,5 +1,7 @@
 #pragma once
+#include <QHash>
 #include <QSettings>
+#include <QVariant>
 #include <QString>
 #include <memory>
 
@@ -8,6 +10,12 @@ namespace vistrel {
 // The application's standard user defaults over QSettings ("Vistrel"/"Vistrel",
 // ~/.config/Vistrel/Vistrel.conf). An absent key, or a value of the wrong type,
 // reads as false / 0.
+//
+// Reads go through QSettings. Writes edit only the key's own line of the file: QSettings
+// would rewrite the whole file from what it understood of it, so one flag written into a
+// hand-edited or damaged file would re-encode or drop the lines it could not read
+// (comments, raw bytes, unknown values, a broken section). A write that cannot be saved
+// is logged and still holds for this run.
 class UserDefaults
 {
 public:
@@ -26,7 +34,13 @@ public:
     void sync();
 
 private:
+    QVariant value(const QString &key) const;
+    void store(const QString &key, const QByteArray &text);
+
     std::unique_ptr<QSettings> m_settings;
+    // What this run wrote, as the file holds it: the file's own timestamp and size cannot
+    // tell QSettings about two writes of the same length within one millisecond.
+    QHash<QString, QVariant> m_written;
 };
 
 } // namespace vistrel

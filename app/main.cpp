@@ -6,6 +6,8 @@
 #include "app/LinuxPlatform.h"
 #include "app/MainWindowController.h"
 #include "app/NotificationCenter.h"
+#include "app/TerminationSignals.h"
+#include "app/TraceLog.h"
 #include "app/UserDefaults.h"
 #include "camera/CameraAuthorization.h"
 #include "camera/DeviceMonitorDiscovery.h"
@@ -41,6 +43,13 @@ int main(int argc, char *argv[])
     ProcessLauncher launcher;
     DesktopUrlOpener urlOpener;
     QtApplication application;
+    // Logout, `systemctl --user stop`, `kill` and Ctrl+C end the app the way its Exit
+    // buttons do, so the will-terminate handler runs (resetting an unfinished onboarding)
+    // and the process exits normally.
+    TerminationSignals terminationSignals([&application](int signal) {
+        traceLog(QStringLiteral("terminating on ") + TerminationSignals::name(signal));
+        application.terminate();
+    });
     camera::V4l2CameraAuthorization cameraAuthorization;
     camera::DeviceMonitorDiscovery cameraDiscovery;
     sysext::CameraExtensionHelper extensionProbes(Bundle::main());

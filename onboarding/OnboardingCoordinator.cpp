@@ -44,7 +44,11 @@ void OnboardingCoordinator::showOnboarding(const Services &services,
     traceLog(QStringLiteral("showOnboarding called"));
 
     // Titled, closable, minimisable; not resizable. Closing only hides it (it is not
-    // deleted), and closing it does not complete onboarding.
+    // deleted), and closing it does not complete onboarding. The app keeps running rather
+    // than quitting as "Exit" does, because an extension installation may be under way
+    // (its answer stores the extension record and relaunches the app); a second launch
+    // shows the window again (AppDelegate::applicationShouldHandleReopen), and quitting
+    // or logging out later resets the completion flag as any termination does.
     auto *window = new QWidget(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint
                                             | Qt::WindowCloseButtonHint | Qt::WindowMinimizeButtonHint);
     window->setObjectName(QStringLiteral("onboardingWindow"));

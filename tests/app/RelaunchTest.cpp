@@ -6,6 +6,7 @@
 #include "TestHome.h"
 #include "TestServices.h"
 
+#include <QTemporaryDir>
 #include <QTest>
 #include <gtest/gtest.h>
 
@@ -23,7 +24,8 @@ TEST(RelaunchTest, CompletingOnboardingRestartsTheAppOrStaysUpWhenTheStartFails)
     env.application.onTerminate = [&] { delegate.applicationWillTerminate(); };
     const auto trace = [] { return QString::fromUtf8(test::readFile(traceLogPath())); };
     const QString complete = QStringLiteral("onboardingComplete");
-    const QString key = QStringLiteral("vistrel-relaunch-test-%1").arg(QCoreApplication::applicationPid());
+    QTemporaryDir runtime;
+    const QString key = runtime.filePath(QStringLiteral("instance"));
     SingleInstance claim(key);
     ASSERT_TRUE(claim.listen());
     delegate.setSingleInstance(&claim);
@@ -58,7 +60,7 @@ TEST(ProcessLauncher, StartsARealDetachedChildAndReportsAFailure)
     const QString marker = QDir::homePath() + QStringLiteral("/launched");
     QString error;
     ASSERT_TRUE(launcher.launchDetached(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), QStringLiteral("touch '%1'").arg(marker)}, &error));
-    QTRY_VERIFY_WITH_TIMEOUT(QFile::exists(marker), 5000);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return QFile::exists(marker); }, 5000));
 
     EXPECT_FALSE(launcher.launchDetached(QStringLiteral("/nonexistent/vistrel"), {}, &error));
     EXPECT_FALSE(error.isEmpty());

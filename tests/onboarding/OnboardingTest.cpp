@@ -1,6 +1,7 @@
 // The set-up view's rows, actions and refresh timer, and the
 // window that hosts it, offscreen.
 #include "app/AppDelegate.h"
+#include "app/SingleInstance.h"
 #include "app/TraceLog.h"
 #include "onboarding/OnboardingCoordinator.h"
 #include "onboarding/OnboardingView.h"
@@ -10,9 +11,11 @@
 #include "TestHome.h"
 #include "TestServices.h"
 
+#include <QApplication>
 #include <QLabel>
 #include <QPushButton>
 #include <QRegularExpression>
+#include <QTemporaryDir>
 #include <QTest>
 #include <QTimer>
 #include <gtest/gtest.h>
@@ -132,4 +135,41 @@ TEST(OnboardingWindowTest, TheWindowIsFixedTracedAndReplacedAndCompletionClosesI
     // With no controller left, completion still runs.
     view->onComplete();
     EXPECT_EQ(completed, 20);
+}
+
+// Closing the set-up window with its close button neither finishes nor quits: the app
+// keeps running (an extension installation may still answer), and launching it again
+// brings the window back, as it does for a window that is merely behind others.
+TEST(OnboardingWindowTest, ClosingTheWindowKeepsTheAppAndASecondLaunchShowsItAgain)
+{
+    test::TestServices env; // nothing set up yet: the onboarding path
+    AppDelegate delegate(env.services);
+    env.application.onTerminate = [&] { delegate.applicationWillTerminate(); };
+    QTemporaryDir runtime;
+    const QString key = runtime.filePath(QStringLiteral("instance"));
+    SingleInstance claim(key);
+    ASSERT_TRUE(claim.listen());
+    QObject::connect(&claim, &SingleInstance::activationRequested, &delegate, &AppDelegate::applicationShouldHandleReopen);
+
+    delegate.applicationDidFinishLaunching();
+    ASSERT_TRUE(delegate.onboardingInProgress);
+    ASSERT_NE(onboardingWindowController(), nullptr);
+    std::unique_ptr<QWidget> window(onboardingWindowController()->window());
+    ASSERT_TRUE(window->isVisible());
+
+    for (int round = 0; round < 2; ++round) {
+        SCOPED_TRACE(round);
+        EXPECT_TRUE(window->close()) << "the close button is honoured";
+        EXPECT_FALSE(window->isVisible());
+        EXPECT_EQ(env.application.terminateCalls, 0);
+        EXPECT_FALSE(env.defaults->hasKey(QStringLiteral("onboardingComplete")));
+        EXPECT_EQ(onboardingWindowController()->window(), window.get());
+
+        const int activations = env.application.activateCalls;
+        ASSERT_TRUE(SingleInstance(key).notifyRunningInstance());
+        // (QTRY_* report to QtTest, not to this runner: a timeout would go unnoticed.)
+        EXPECT_TRUE(QTest::qWaitFor([&] { return window->isVisible(); }, 5000));
+        EXPECT_GT(env.application.activateCalls, activations);
+        EXPECT_EQ(QApplication::topLevelWidgets().count(window.get()), 1) << "the same window, not a new one";
+    }
 }
