@@ -66,7 +66,8 @@ TEST(OnboardingViewTest, RowsActionsAndTheRefreshTimerFollowTheFlagsAndFinishIsG
     view.startExtensionRefreshTimer(); // replaces the one showing started: never two at once
     QTest::qWait(1500);
     EXPECT_EQ(description(view.extensionRow()), QStringLiteral("Install the virtual camera system extension.")) << "not before the tick";
-    QTRY_COMPARE_WITH_TIMEOUT(description(view.extensionRow()), QStringLiteral("Enable the extension (see Camera Help)."), 2000);
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return description(view.extensionRow()) == QStringLiteral("Enable the extension (see Camera Help)."); }, 2000));
     install->click();
     EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{sysext::CameraExtensionHelper::extensionSettingsUrl(env.services.bundle)});
     EXPECT_EQ(env.alerts.shown.size(), 1);
@@ -90,12 +91,12 @@ TEST(OnboardingViewTest, RowsActionsAndTheRefreshTimerFollowTheFlagsAndFinishIsG
     // The application delegate stores the flag, then posts; the flag wins over the probes.
     env.defaults->setBool(QStringLiteral("extensionInstalled"), true);
     env.notifications.post(kExtensionInstallationComplete);
-    QTRY_VERIFY(view.extensionRow()->isDone());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return view.extensionRow()->isDone(); }));
 
     // The camera row asks; the answer is applied on the main thread.
     env.cameraAuthorization.status = camera::Authorized;
     view.cameraRow()->actionButton()->click();
-    QTRY_VERIFY(view.cameraRow()->isDone());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return view.cameraRow()->isDone(); }));
     EXPECT_TRUE(view.finishButton()->isEnabled());
     EXPECT_NE(fill(view.finishButton()), kGrey);
 

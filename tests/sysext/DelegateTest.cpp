@@ -103,7 +103,7 @@ TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQu
     delegate.requestDidFailWithError({sysext::kSystemExtensionErrorDomain, 3, "The helper is missing."});
     delegate.requestDidFailWithError({"NSPOSIXErrorDomain", 3, "No such process"});
     env.alerts.answers = {0, 1, 1}; // the first alert opens the help page
-    QTRY_COMPARE(env.alerts.shown.size(), 3);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return env.alerts.shown.size() == 3; }));
     EXPECT_EQ(shown(env.alerts.shown[0]),
               "Approval Required | Please allow Vistrel to install the camera extension: enter your password when asked, and "
               "approve its signing key at the next restart if your computer uses Secure Boot.\n\nYou may need to restart "
@@ -120,7 +120,7 @@ TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQu
 
     delegate.requestDidFinishWithResult(sysext::Completed);
     EXPECT_EQ(env.alerts.shown.size(), 3) << "the alert waits until the callback has returned";
-    QTRY_COMPARE(env.alerts.shown.size(), 4);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return env.alerts.shown.size() == 4; }));
     EXPECT_EQ(shown(env.alerts.shown[3]), "Camera Extension Installed | Vistrel must relaunch for the camera extension to "
                                           "become usable. This only takes a moment. | Relaunch Now");
     EXPECT_EQ(effects(), "installed=1 notified=1 relaunched=1 quit=1");
