@@ -326,6 +326,40 @@ TEST_F(MovieSourceTest, ThirtyMoviesShareOneFrameTick)
     EXPECT_TRUE(waitForColour(QStringLiteral("red")));
 }
 
+// A file that is slow to open (here a named pipe whose writer comes late, as a
+// stalled network share would be) is opened off the main thread: play, pause and the
+// seek return at once, and the opening ends once the data comes.
+TEST(MoviePlayerTest, ASlowFileOpensWithoutHoldingTheMainThread)
+{
+    QTemporaryDir dir;
+    const QString source = ColourMovies::make(dir.path(), QStringLiteral("h264.mkv"), kH264);
+    ASSERT_FALSE(source.isEmpty());
+    const QString pipe = dir.filePath(QStringLiteral("slow.mkv"));
+    ASSERT_EQ(::mkfifo(QFile::encodeName(pipe).constData(), 0600), 0);
+    // Comes by itself after 4 s, so code that waits on the pipe fails on time.
+    PipeWriter writer(pipe, readFile(source), std::chrono::milliseconds(4000));
+
+    auto item = std::make_shared<camera::PlayerItem>(pipe);
+    auto output = std::make_shared<camera::PlayerItemVideoOutput>();
+    item->addOutput(output);
+    auto player = std::make_unique<camera::MoviePlayer>(item);
+    QElapsedTimer calls;
+    calls.start();
+    player->play();
+    player->seekToZero();
+    EXPECT_LT(calls.elapsed(), 1000);
+    QTest::qWait(100);
+    EXPECT_FALSE(player->isOpened());
+    EXPECT_EQ(item->status(), camera::PlayerItemStatus::Unknown);
+
+    writer.go();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return player->isOpened(); }, 5000));
+    calls.restart();
+    player->pause();
+    player.reset();
+    EXPECT_LT(calls.elapsed(), 1000);
+}
+
 // Cancelling the chooser changes nothing; a second file replaces the first; Freeze has
 // no hold on movie pictures and Stop does not reset it (nor disable itself).
 TEST_F(MovieSourceTest, OpenReplaceStopAndFreeze)
