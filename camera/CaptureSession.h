@@ -60,8 +60,12 @@ private:
 };
 
 // One capture pipeline: a camera's source feeding a video data output. Each session
-// is its own pipeline with its own streaming thread. Starting and releasing happen on
-// threads of their own, so the main thread never waits for a device.
+// is its own pipeline with its own streaming thread. Starting and releasing are jobs
+// of the application's PipelineWorker, so the main thread never waits for a device.
+//
+// Threads: everything here is called on the main thread; the start's `done` and the
+// runtime error handler are called there too. The start and the release run on the
+// worker's threads; bus messages are read on GStreamer's.
 class CaptureSession
 {
 public:
@@ -75,8 +79,8 @@ public:
     bool canAddOutput(const VideoDataOutput &output) const;
     void addOutput(std::shared_ptr<VideoDataOutput> output);
 
-    // Sets the pipeline playing on a thread of its own (opening a camera can take a
-    // while), then calls `done` on the main thread: true once running, or false with
+    // Sets the pipeline playing on a worker thread (opening a camera can take a
+    // while, and waits for the release of the session it replaces), then calls `done` on the main thread: true once running, or false with
     // GStreamer's error text. An empty session starts and delivers nothing. Nothing is
     // called once the session is gone.
     using StartHandler = std::function<void(bool running, const QString &error)>;

@@ -4,8 +4,10 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <vector>
 
+class QTimer;
 typedef struct _GstElement GstElement;
 typedef struct _GstSample GstSample;
 
@@ -50,9 +52,16 @@ public:
     // Set by the player that plays the item (any thread).
     void setStatus(PlayerItemStatus status) { m_status.store(status); }
     void setDuration(std::int64_t nanoseconds) { m_duration.store(nanoseconds); }
+    // Marks the item failed with GStreamer's reason (any thread). The first reason
+    // stays, unless `overrides`: a later, clearer one that explains the first.
+    void fail(const QString &reason, bool overrides = false);
+    // Why the item failed, or an empty string.
+    QString failureReason() const;
 
 private:
     QString m_uri;
+    mutable std::mutex m_reasonMutex;
+    QString m_failureReason;
     std::atomic<PlayerItemStatus> m_status{PlayerItemStatus::Unknown};
     std::atomic<std::int64_t> m_duration{-1};
     std::vector<std::shared_ptr<PlayerItemVideoOutput>> m_outputs;
@@ -60,8 +69,14 @@ private:
 
 // Plays one item with a GStreamer playbin: video to the item's output (software
 // decoders only, so that every decoder can run backwards), audio discarded. An error
-// on the bus marks the item failed; the end of the stream is reported on the main
-// thread. Releasing the player stops its pipeline on a worker thread.
+// on the bus, or a file without a video track, marks the item failed; the end of the
+// stream is reported on the main thread.
+//
+// Threads: everything here is called on the main thread, and the end handler runs
+// there. State changes (play, pause, the release) are jobs of the application's
+// PipelineWorker, since opening a file can wait on a slow disk or a pipe for ever; the
+// seeks wait for the opening to be done and are refused until then. Bus messages are
+// read on GStreamer's streaming threads and handed to the main thread.
 class MoviePlayer
 {
 public:
@@ -70,9 +85,14 @@ public:
     MoviePlayer(const MoviePlayer &) = delete;
     MoviePlayer &operator=(const MoviePlayer &) = delete;
 
+    // Ask for the state; the change is made on a worker thread. A state change that
+    // fails marks the item failed.
     void play();
     void pause();
-    // A flushing, accurate seek to the start at normal speed.
+    // Whether the first state change has been made (the file is open, or failed).
+    bool isOpened() const;
+    // A flushing, accurate seek to the start at normal speed; nothing before the file
+    // is open.
     void seekToZero();
 
     const std::shared_ptr<PlayerItem> &currentItem() const { return m_item; }
@@ -87,9 +107,12 @@ public:
     // after turning (some demuxers accept a backwards seek and then send nothing).
     double rate() const;
     void setStallTimeout(int milliseconds) { m_stallTimeoutMs = milliseconds; }
+    // A file that has shown no first picture this long after play() is marked failed
+    // (setting it restarts a wait under way).
+    void setOpenTimeout(int milliseconds);
     // Changes speed and direction by a flushing, accurate seek: forwards from the
     // current position, backwards from the item's end (or the current position
-    // when the end is not known) towards 0.
+    // when the end is not known) towards 0. Refused (rate 0) before the file is open.
     void setRate(double rate);
 
     // Called on the main thread each time the stream reaches its end in the current
@@ -100,7 +123,9 @@ public:
 
 private:
     void releasePipeline();
+    void changeState(int state);
     void onEndOfStream();
+    void onPrerolled();
     void refreshDuration();
 
     std::shared_ptr<PlayerItem> m_item;
@@ -119,6 +144,12 @@ private:
     // Long enough for the slowest backwards start measured (a 1080p H.264 file with a
     // single keyframe shows its first backwards picture after about 5 s).
     int m_stallTimeoutMs = 8000;
+    // Prerolled: the first picture reached the sink (or the file has no video).
+    bool m_prerolled = false;
+    std::unique_ptr<QTimer> m_openTimer;
+    // As long as the stall timeout: a file whose first picture takes longer is of no
+    // use as a camera.
+    int m_openTimeoutMs = 8000;
 };
 
 } // namespace vistrel::camera

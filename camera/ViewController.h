@@ -76,6 +76,8 @@ public:
     void playVideo(const QString &filePath);
     void stopVideoPlayback(QObject *sender);
     void reversePlaybackAtEnd();
+    // Tells the user why a movie was refused or stopped (a modal alert).
+    void showMovieAlert(const QString &fileName, const QString &text);
 
     // Virtual camera link.
     void startVirtualCameraLink();
@@ -176,6 +178,8 @@ public:
 
 private:
     Services m_services;
+    // The movie frame tick, made by the first file played.
+    QPointer<QTimer> m_videoFrameTimer;
     // Declared last so it is released first: no camera frame reaches a controller
     // whose fields are being destroyed.
     std::shared_ptr<camera::FrameGate> m_cameraFrames;

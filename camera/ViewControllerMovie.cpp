@@ -8,11 +8,39 @@
 #include "camera/MoviePlayer.h"
 #include "camera/SampleImage.h"
 
+#include <QFileInfo>
 #include <QPushButton>
 #include <QTimer>
+#include <QUrl>
 #include <gst/gst.h>
 
 namespace vistrel {
+namespace {
+
+// Why the chosen path cannot be a movie, or an empty string. Only a regular file is
+// handed to GStreamer: opening a named pipe waits for a writer, and a device or a
+// folder is never a movie.
+QString notAMovieFile(const QString &path)
+{
+    const QFileInfo file(path);
+    if (!file.exists())
+        return QStringLiteral("it does not exist.");
+    if (file.isDir())
+        return QStringLiteral("it is a folder.");
+    if (!file.isFile())
+        return QStringLiteral("it is a named pipe, a socket or a device, not a file.");
+    return {};
+}
+
+} // namespace
+
+void ViewController::showMovieAlert(const QString &fileName, const QString &text)
+{
+    if (m_services.alerts)
+        m_services.alerts->runModal({QStringLiteral("Movie Cannot Be Played"),
+                                     QStringLiteral("\u201c%1\u201d %2").arg(fileName, text), AlertStyle::Warning,
+                                     {QStringLiteral("OK")}});
+}
 
 void ViewController::openVideoFile(QObject *)
 {
@@ -22,6 +50,11 @@ void ViewController::openVideoFile(QObject *)
     m_services.fileDialogs->chooseMovie(this, [self](std::optional<QString> file) {
         if (!self || !file || file->isEmpty())
             return;
+        // Refused before anything changes: what plays now (camera or movie) goes on.
+        if (const QString problem = notAMovieFile(*file); !problem.isEmpty()) {
+            self->showMovieAlert(QFileInfo(*file).fileName(), QStringLiteral("cannot be played: ") + problem);
+            return;
+        }
         if (self->captureSession && !self->captureSession->isRunning())
             self->captureSession->startRunning();
         self->playVideo(*file);
@@ -41,13 +74,16 @@ void ViewController::playVideo(const QString &filePath)
     player = std::make_shared<camera::MoviePlayer>(playerItem);
     player->play();
 
-    // Each file adds one 24 Hz tick for the rest of the program's life; it does nothing
-    // while no file plays.
-    auto *frameTimer = new QTimer(this);
-    frameTimer->setTimerType(Qt::PreciseTimer);
-    frameTimer->setInterval(qRound(1000.0 / 24)); // 1/24 s to the millisecond
-    connect(frameTimer, &QTimer::timeout, this, &ViewController::updateVideoFrame);
-    frameTimer->start();
+    // The first file starts the 24 Hz tick for the rest of the program's life; it does
+    // nothing while no file plays. Later files use the same tick.
+    if (!m_videoFrameTimer) {
+        m_videoFrameTimer = new QTimer(this);
+        m_videoFrameTimer->setObjectName(QStringLiteral("videoFrameTimer"));
+        m_videoFrameTimer->setTimerType(Qt::PreciseTimer);
+        m_videoFrameTimer->setInterval(qRound(1000.0 / 24)); // 1/24 s to the millisecond
+        connect(m_videoFrameTimer, &QTimer::timeout, this, &ViewController::updateVideoFrame);
+        m_videoFrameTimer->start();
+    }
 
     player->setDidPlayToEndHandler([this] { playerItemDidReachEnd(); });
 }
@@ -75,9 +111,15 @@ void ViewController::updateVideoFrame()
     if (failed || stalledAtEnd) {
         QMetaObject::invokeMethod(
             this,
-            [this] {
+            [this, item, failed] {
+                // Later ticks may have queued the same stop: only the first one says why.
+                const bool stillPlaying = playerItem == item;
                 QPushButton sender;
                 stopVideoPlayback(&sender);
+                if (failed && stillPlaying)
+                    showMovieAlert(QUrl(item->uri()).fileName(),
+                                   QStringLiteral("cannot be played: ") + item->failureReason() +
+                                       QStringLiteral("\nThe camera picture is shown again."));
             },
             Qt::QueuedConnection);
     }

@@ -2,18 +2,15 @@
 
 #include "camera/SampleImage.h"
 #include "camera/gst/PictureConverter.h"
+#include "camera/gst/PipelineWorker.h"
 
-#include <QCoreApplication>
-#include <QMetaObject>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <gst/video/gstvideopool.h>
 #include <gst/video/video.h>
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
-#include <thread>
 #include <vector>
 
 namespace vistrel::camera {
@@ -204,21 +201,18 @@ GstBusSyncReply relayBusMessage(GstBus *, GstMessage *message, gpointer data)
         return GST_BUS_DROP;
     }
     relay->forwarding = false; // one report per session: the pipeline is dead after an error
-    QMetaObject::invokeMethod(
-        QCoreApplication::instance(),
-        [weakRelay, text] {
-            auto alive = weakRelay.lock();
-            if (!alive || !alive->session)
-                return;
-            std::function<void(const QString &)> handler;
-            {
-                std::lock_guard lock(alive->mutex);
-                handler = alive->handler;
-            }
-            if (handler)
-                handler(text);
-        },
-        Qt::QueuedConnection);
+    PipelineWorker::shared().postToMainThread([weakRelay, text] {
+        auto alive = weakRelay.lock();
+        if (!alive || !alive->session)
+            return;
+        std::function<void(const QString &)> handler;
+        {
+            std::lock_guard lock(alive->mutex);
+            handler = alive->handler;
+        }
+        if (handler)
+            handler(text);
+    });
     return GST_BUS_DROP;
 }
 
@@ -239,42 +233,9 @@ CaptureSession::CaptureSession() : m_relay(std::make_shared<BusRelay>())
 namespace {
 
 // A V4L2 capture node streams to one client at a time: a new session on the same
-// camera must not start before the session it replaces has let go of the device.
-// Releases still under way are counted; a start waits for them, but not for ever, so
-// one stuck pipeline cannot hold up the next.
-class PendingReleases
-{
-public:
-    static PendingReleases &instance()
-    {
-        static PendingReleases releases;
-        return releases;
-    }
-    void begin()
-    {
-        std::lock_guard lock(m_mutex);
-        ++m_pending;
-    }
-    void end()
-    {
-        {
-            std::lock_guard lock(m_mutex);
-            --m_pending;
-        }
-        m_done.notify_all();
-    }
-    void waitForAll(std::chrono::milliseconds limit)
-    {
-        std::unique_lock lock(m_mutex);
-        m_done.wait_for(lock, limit, [this] { return m_pending == 0; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_done;
-    int m_pending = 0;
-};
-
+// camera must not start before the session it replaces has let go of the device. A
+// start waits for the releases under way, but not for ever, so one stuck pipeline
+// cannot hold up the next.
 constexpr std::chrono::seconds kReleaseWaitLimit{3};
 
 } // namespace
@@ -287,16 +248,12 @@ CaptureSession::~CaptureSession()
         m_relay->forwarding = false;
         m_relay->handler = nullptr;
     }
-    PendingReleases::instance().begin();
-    std::thread([relay = m_relay, pipeline = m_pipeline] {
-        {
-            std::lock_guard lock(relay->stateMutex);
-            relay->released = true;
-            gst_element_set_state(pipeline, GST_STATE_NULL);
-            gst_object_unref(pipeline);
-        }
-        PendingReleases::instance().end();
-    }).detach();
+    PipelineWorker::shared().runRelease([relay = m_relay, pipeline = m_pipeline] {
+        std::lock_guard lock(relay->stateMutex);
+        relay->released = true;
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        gst_object_unref(pipeline);
+    });
 }
 
 bool CaptureSession::canAddInput(const CaptureDeviceInput &input) const
@@ -338,10 +295,11 @@ void CaptureSession::linkIfComplete()
 void CaptureSession::startRunning(StartHandler done)
 {
     GstElement *pipeline = GST_ELEMENT(gst_object_ref(m_pipeline));
-    std::thread([relay = m_relay, pipeline, done = std::move(done)] {
+    PipelineWorker &worker = PipelineWorker::shared();
+    worker.run([&worker, relay = m_relay, pipeline, done = std::move(done)] {
         bool running = false;
         QString error;
-        PendingReleases::instance().waitForAll(kReleaseWaitLimit);
+        worker.waitForReleases(kReleaseWaitLimit);
         {
             std::lock_guard stateLock(relay->stateMutex);
             if (!relay->released) {
@@ -356,18 +314,15 @@ void CaptureSession::startRunning(StartHandler done)
         }
         gst_object_unref(pipeline);
         std::weak_ptr<BusRelay> weak = relay;
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [weak, running, error, done] {
-                auto alive = weak.lock();
-                if (!alive || !alive->session)
-                    return;
-                alive->session->m_running = running;
-                if (done)
-                    done(running, error);
-            },
-            Qt::QueuedConnection);
-    }).detach();
+        worker.postToMainThread([weak, running, error, done] {
+            auto alive = weak.lock();
+            if (!alive || !alive->session)
+                return;
+            alive->session->m_running = running;
+            if (done)
+                done(running, error);
+        });
+    });
 }
 
 void CaptureSession::setRuntimeErrorHandler(std::function<void(const QString &)> handler)

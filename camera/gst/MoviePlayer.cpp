@@ -1,11 +1,10 @@
 #include "camera/MoviePlayer.h"
 
 #include "camera/SampleImage.h"
-#include "camera/gst/PipelineRelease.h"
+#include "camera/gst/PipelineWorker.h"
 
-#include <QCoreApplication>
 #include <QFileInfo>
-#include <QMetaObject>
+#include <QTimer>
 #include <QUrl>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
@@ -78,6 +77,22 @@ PlayerItem::PlayerItem(const QString &filePath)
 {
 }
 
+void PlayerItem::fail(const QString &reason, bool overrides)
+{
+    {
+        std::lock_guard lock(m_reasonMutex);
+        if (m_failureReason.isEmpty() || overrides)
+            m_failureReason = reason;
+    }
+    m_status.store(PlayerItemStatus::Failed);
+}
+
+QString PlayerItem::failureReason() const
+{
+    std::lock_guard lock(m_reasonMutex);
+    return m_failureReason;
+}
+
 void PlayerItem::addOutput(std::shared_ptr<PlayerItemVideoOutput> output) { m_outputs.push_back(std::move(output)); }
 
 void PlayerItem::removeOutput(const std::shared_ptr<PlayerItemVideoOutput> &output)
@@ -95,6 +110,12 @@ struct MoviePlayer::BusRelay
     MoviePlayer *player = nullptr;           // main thread only
     std::shared_ptr<PlayerItem> item;        // read under mutex
     std::atomic<std::uint64_t> pictures{0};  // buffers that reached the video sink
+    // Serialises the state changes and the release on the worker's threads: a change
+    // still under way is never overtaken by the release, nor made after it.
+    std::mutex stateMutex;
+    bool released = false;
+    int wantedState = GST_STATE_NULL;        // under stateMutex
+    std::atomic<bool> opened{false};
 };
 
 namespace {
@@ -102,13 +123,19 @@ namespace {
 void onMainThread(const std::shared_ptr<MoviePlayer::BusRelay> &relay, std::function<void(MoviePlayer &)> action)
 {
     std::weak_ptr<MoviePlayer::BusRelay> weak = relay;
-    QMetaObject::invokeMethod(
-        QCoreApplication::instance(),
-        [weak, action = std::move(action)] {
-            if (auto alive = weak.lock(); alive && alive->player)
-                action(*alive->player);
-        },
-        Qt::QueuedConnection);
+    PipelineWorker::shared().postToMainThread([weak, action = std::move(action)] {
+        if (auto alive = weak.lock(); alive && alive->player)
+            action(*alive->player);
+    });
+}
+
+QString errorText(GstMessage *message)
+{
+    GError *error = nullptr;
+    gst_message_parse_error(message, &error, nullptr);
+    QString text = error ? QString::fromUtf8(error->message) : QStringLiteral("unknown error");
+    g_clear_error(&error);
+    return text;
 }
 
 void releaseRelayReference(gpointer data) { delete static_cast<std::shared_ptr<MoviePlayer::BusRelay> *>(data); }
@@ -148,15 +175,18 @@ MoviePlayer::MoviePlayer(std::shared_ptr<PlayerItem> item) : m_item(std::move(it
             const auto &relay = *static_cast<std::shared_ptr<BusRelay> *>(data);
             switch (GST_MESSAGE_TYPE(message)) {
             case GST_MESSAGE_ERROR: {
+                const QString reason = errorText(message);
                 std::lock_guard lock(relay->mutex);
                 if (relay->item)
-                    relay->item->setStatus(PlayerItemStatus::Failed);
+                    relay->item->fail(reason);
                 break;
             }
             case GST_MESSAGE_EOS:
                 onMainThread(relay, [](MoviePlayer &player) { player.onEndOfStream(); });
                 break;
             case GST_MESSAGE_ASYNC_DONE:
+                onMainThread(relay, [](MoviePlayer &player) { player.onPrerolled(); });
+                break;
             case GST_MESSAGE_DURATION_CHANGED:
                 onMainThread(relay, [](MoviePlayer &player) { player.refreshDuration(); });
                 break;
@@ -182,32 +212,82 @@ void MoviePlayer::releasePipeline()
         m_relay->item.reset();
     }
     if (m_playbin) {
-        releasePipelineInBackground(m_playbin);
+        PipelineWorker::shared().run([relay = m_relay, pipeline = m_playbin] {
+            std::lock_guard lock(relay->stateMutex);
+            relay->released = true;
+            gst_element_set_state(pipeline, GST_STATE_NULL);
+            gst_object_unref(pipeline);
+        });
         m_playbin = nullptr;
     }
+}
+
+void MoviePlayer::changeState(int state)
+{
+    {
+        std::lock_guard lock(m_relay->stateMutex);
+        m_relay->wantedState = state;
+    }
+    GstElement *pipeline = GST_ELEMENT(gst_object_ref(m_playbin));
+    // Each job makes the newest wanted state, so the order in which they run does not
+    // matter.
+    PipelineWorker::shared().run([relay = m_relay, pipeline] {
+        {
+            std::lock_guard stateLock(relay->stateMutex);
+            if (!relay->released) {
+                const auto state = static_cast<GstState>(relay->wantedState);
+                if (gst_element_set_state(pipeline, state) == GST_STATE_CHANGE_FAILURE) {
+                    std::lock_guard lock(relay->mutex);
+                    if (relay->item)
+                        relay->item->fail(QStringLiteral("The movie cannot be started."));
+                }
+                relay->opened.store(true);
+            }
+        }
+        gst_object_unref(pipeline);
+    });
 }
 
 void MoviePlayer::play()
 {
     if (!m_playbin)
         return;
-    if (gst_element_set_state(m_playbin, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
-        m_item->setStatus(PlayerItemStatus::Failed);
-        return;
-    }
+    changeState(GST_STATE_PLAYING);
     m_rate = m_direction;
+    if (!m_prerolled && !m_openTimer) {
+        // decodebin drops an error that a demuxer posts while it is being plugged in (a
+        // truncated MP4 does this now and then); such a pipeline never prerolls and
+        // never says why.
+        m_openTimer = std::make_unique<QTimer>();
+        m_openTimer->setSingleShot(true);
+        QObject::connect(m_openTimer.get(), &QTimer::timeout, [this] {
+            if (m_item && !m_prerolled)
+                m_item->fail(QStringLiteral("It did not start within %1 s.").arg(m_openTimeoutMs / 1000.0));
+        });
+        m_openTimer->start(m_openTimeoutMs);
+    }
+}
+
+void MoviePlayer::setOpenTimeout(int milliseconds)
+{
+    m_openTimeoutMs = milliseconds;
+    if (m_openTimer && m_openTimer->isActive())
+        m_openTimer->start(milliseconds);
 }
 
 void MoviePlayer::pause()
 {
     if (m_playbin)
-        gst_element_set_state(m_playbin, GST_STATE_PAUSED);
+        changeState(GST_STATE_PAUSED);
     m_rate = 0.0;
 }
 
+bool MoviePlayer::isOpened() const { return m_relay->opened.load(); }
+
 void MoviePlayer::seekToZero()
 {
-    if (m_playbin && gst_element_seek_simple(m_playbin, GST_FORMAT_TIME,
+    // A seek takes the pipeline's state lock, which the opening holds while it waits.
+    if (m_playbin && isOpened() && gst_element_seek_simple(m_playbin, GST_FORMAT_TIME,
                                              GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE), 0)) {
         m_direction = 1.0;
         m_atEnd = false;
@@ -246,7 +326,7 @@ std::int64_t MoviePlayer::currentTime() const
 
 void MoviePlayer::setRate(double rate)
 {
-    if (!m_playbin || rate == 0.0) {
+    if (!m_playbin || !isOpened() || rate == 0.0) {
         m_rate = 0.0;
         return;
     }
@@ -291,6 +371,22 @@ void MoviePlayer::onEndOfStream()
     m_endPosition = m_direction > 0 ? std::max<std::int64_t>(m_item ? m_item->duration() : 0, 0) : 0;
     if (m_didPlayToEnd)
         m_didPlayToEnd();
+}
+
+void MoviePlayer::onPrerolled()
+{
+    m_prerolled = true;
+    if (m_openTimer)
+        m_openTimer->stop();
+    refreshDuration();
+    gint videoTracks = 0;
+    if (m_item && m_playbin) {
+        g_object_get(m_playbin, "n-video", &videoTracks, nullptr);
+        // Such a file either prerolls without pictures and ends, or stops with a stream
+        // error that does not say why; this says why.
+        if (videoTracks == 0)
+            m_item->fail(QStringLiteral("The file has no video track."), true);
+    }
 }
 
 void MoviePlayer::refreshDuration()

@@ -17,13 +17,18 @@ QString ColourMovies::make(const QString &directory, const QString &name, const 
     }
     const QString graph = sources.join(QLatin1Char(';')) + QLatin1Char(';') + labels
                           + QStringLiteral("concat=n=%1:v=1:a=0[out]").arg(kColourOrder.size());
+    return ffmpeg(directory, name,
+                  QStringList{QStringLiteral("-filter_complex"), graph, QStringLiteral("-map"), QStringLiteral("[out]")}
+                      + codecArguments);
+}
+
+QString ColourMovies::ffmpeg(const QString &directory, const QString &name, const QStringList &arguments)
+{
     const QString path = QDir(directory).filePath(name);
-    QStringList arguments{QStringLiteral("-hide_banner"), QStringLiteral("-loglevel"), QStringLiteral("error"),
-                          QStringLiteral("-y"), QStringLiteral("-filter_complex"), graph,
-                          QStringLiteral("-map"), QStringLiteral("[out]")};
-    arguments << codecArguments << path;
     QProcess ffmpeg;
-    ffmpeg.start(QStringLiteral("ffmpeg"), arguments);
+    ffmpeg.start(QStringLiteral("ffmpeg"), QStringList{QStringLiteral("-hide_banner"), QStringLiteral("-loglevel"),
+                                                       QStringLiteral("error"), QStringLiteral("-y")}
+                                               + arguments + QStringList{path});
     if (!ffmpeg.waitForFinished(60000) || ffmpeg.exitStatus() != QProcess::NormalExit || ffmpeg.exitCode() != 0)
         return {};
     return path;

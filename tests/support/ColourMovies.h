@@ -18,6 +18,10 @@ inline const QStringList kColourOrder{QStringLiteral("yellow"), QStringLiteral("
 QString make(const QString &directory, const QString &name, const QStringList &codecArguments,
              double secondsPerColour = 0.5);
 
+// Runs ffmpeg with `arguments` (inputs and codecs) writing `directory/<name>`.
+// Answers the path, or an empty string when ffmpeg failed.
+QString ffmpeg(const QString &directory, const QString &name, const QStringList &arguments);
+
 // The name of the palette colour nearest to `rgb` among the movie colours and the
 // test cameras' colours (red, green, blue, white), or an empty string when none is
 // close.
