@@ -88,8 +88,9 @@ TEST_F(LaunchTest, DecisionTableChoosesThePathAndTracesIt)
         // A second launch brings forward what this launch shows: during onboarding that is
         // the onboarding window, never the camera window.
         delegate.applicationShouldHandleReopen();
-        if (window)
+        if (window) {
             EXPECT_EQ(window->isVisible(), !c.expectOnboarding);
+        }
         const auto topLevels = QApplication::topLevelWidgets();
         EXPECT_EQ(std::count_if(topLevels.begin(), topLevels.end(), [&](QWidget *w) { return w != window && w->isVisible(); }),
                   c.expectOnboarding || !window ? 1 : 0);
