@@ -151,7 +151,7 @@ TEST(AppProcess, AnOpenRuntimeFolderIsRefusedAndTheAppStillStartsAlone)
 TEST(AppProcess, ADamagedSettingsFileIsReadAsAbsentAndNotRewritten)
 {
     const QByteArray damaged = QByteArray("# mine\n[General]\nonboardingComplete=maybe\nextensionInstalled=@Variant(\\0\\0\\0\\x7f)\n")
-                               + QByteArray("blob=\x00\xff\xfe\n", 11) + "[Broken\nx=1\n[Other]\nhuge=" + QByteArray(1 << 20, 'z')
+                               + QByteArray("blob=\x00\xff\xfe\n", 9) + "[Broken\nx=1\n[Other]\nhuge=" + QByteArray(1 << 20, 'z')
                                + "\ntruncated=\"open";
     AppProcess app(kBinary, damaged);
     ASSERT_TRUE(app.launched()) << app.read("errors").toStdString();

@@ -28,7 +28,7 @@ TEST(SettingsTest, WrongTypesReadAsAbsentAndWritesTouchOnlyTheirOwnLine)
     const QByteArray damaged = QByteArray("# kept by hand: do not touch\r\n[General]\r\nonboardingComplete=maybe\r\n"
                                           "extensionInstalled=@Variant(\\0\\0\\0\\x7f\\0\\0\\0\\x5Qxyz)\r\n"
                                           "updateCheckerDismissedBuild=99999999999999999999999999\r\n")
-                               + QByteArray("blob=\x00\x01\xff\xfe raw\r\n", 16) + "shape=@Rect(1 2 3 4)\r\n[Broken\r\n"
+                               + QByteArray("blob=\x00\x01\xff\xfe raw\r\n", 15) + "shape=@Rect(1 2 3 4)\r\n[Broken\r\n"
                                + "mine = keep me\r\n[Other]\r\nonboardingComplete=true\r\nhuge=" + huge
                                + "\r\ntruncated=\"no closing quote";
     const struct { const char *name; QByteArray before; bool complete, installed; qint64 dismissed; } reads[] = {
