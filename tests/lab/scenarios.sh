@@ -92,11 +92,18 @@ start_app() {
     tail -n 20 "$APP_LOG" | sed 's/^/LAB:     app: /'
   fi
 }
+# A process whose exit closes a descriptor of a force-unloaded v4l2loopback oopses in
+# v4l2_release and never finishes exiting ("Fixing recursive fault but reboot is
+# needed!"): it is noted and left, not waited for, so the run can end.
 stop_app() {
   app_alive || { APP_PID=; return 0; }
   kill -TERM "$APP_PID" 2>/dev/null
   wait_for 10 eval '! app_alive' || kill -KILL "$APP_PID" 2>/dev/null
-  wait "$APP_PID" 2>/dev/null
+  if wait_for 10 eval '! app_alive'; then
+    wait "$APP_PID" 2>/dev/null
+  else
+    echo "LAB: vistrel (pid $APP_PID) did not finish exiting (state $(awk '{print $3}' "/proc/$APP_PID/stat" 2>/dev/null), in $(cat "/proc/$APP_PID/wchan" 2>/dev/null)); left behind"
+  fi
   APP_PID=
 }
 load_loopback() { # loader args...
