@@ -6,17 +6,14 @@
 
 namespace vistrel::test {
 
-QString ColourMovies::make(const QString &directory, const QString &name, const QStringList &codecArguments,
-                           double secondsPerColour)
+QString ColourMovies::make(const QString &directory, const QString &name, const QStringList &codecArguments)
 {
-    QStringList sources;
-    QString labels;
+    QString graph, labels;
     for (int i = 0; i < kColourOrder.size(); ++i) {
-        sources << QStringLiteral("color=c=%1:s=96x64:r=24:d=%2[s%3]").arg(kColourOrder[i]).arg(secondsPerColour).arg(i);
+        graph += QStringLiteral("color=c=%1:s=96x64:r=24:d=0.5[s%2];").arg(kColourOrder[i]).arg(i);
         labels += QStringLiteral("[s%1]").arg(i);
     }
-    const QString graph = sources.join(QLatin1Char(';')) + QLatin1Char(';') + labels
-                          + QStringLiteral("concat=n=%1:v=1:a=0[out]").arg(kColourOrder.size());
+    graph += labels + QStringLiteral("concat=n=%1:v=1:a=0[out]").arg(kColourOrder.size());
     return ffmpeg(directory, name,
                   QStringList{QStringLiteral("-filter_complex"), graph, QStringLiteral("-map"), QStringLiteral("[out]")}
                       + codecArguments);
