@@ -15,11 +15,13 @@ namespace {
 
 const QString kId = FakeLoopbackMachine::kIdentifier;
 const QString kRecord = "# vistrel-extension identifier=" + kId + " version=";
+const QString kBundle = "share/vistrel/SystemExtensions/" + kId + "/";
+const QString kTestable = VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable";
 
 // out: the one output line, or all of them in <> when there are several or none.
 struct HelperRun { QString out; int exitCode; bool crashed; QString errors; };
 
-HelperRun run(const QStringList &arguments, const QString &program = VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable")
+HelperRun run(const QStringList &arguments, const QString &program = kTestable)
 {
     QProcess process;
     process.start(program, arguments);
@@ -164,83 +166,59 @@ TEST_F(HelperProcessTest, FilesOnDiskAreNeverHalfWrittenAndUnexpectedOnesAreLeft
 
 TEST_F(HelperProcessTest, OnlyTheOptionsModprobeReadsReachTheLoopbackToolAndHostileOnesAreRefused)
 {
-    // 0.13 in use: the camera is added with v4l2loopback-ctl, from the bundle's options.
-    struct Case { const char *name; QString config; const char *outcome; const char *added; };
-    const Case cases[] = {
-        {"a label in a comment is no option", "# card_label=$(reboot) exclusive_caps=0\n  # card_label=Other\n\n"
-                                              "options v4l2loopback devices=1 card_label=Vistrel exclusive_caps=1\n",
-         "outcome completed", "-n Vistrel -x 1"},
-        {"tabs separate as spaces do", "options\tv4l2loopback\tdevices=1 \tcard_label=Vistrel\texclusive_caps=0\n",
-         "outcome completed", "-n Vistrel -x 0"},
-        {"a label an option of the tool", "options v4l2loopback card_label=--help\n", "outcome failed 1 refusing", nullptr},
-        {"caps neither 0 nor 1", "options v4l2loopback card_label=Vistrel exclusive_caps=2\n", "outcome failed 1 refusing", nullptr},
-        {"caps not a number", "options v4l2loopback card_label=Vistrel exclusive_caps=yes\n", "outcome failed 1 refusing", nullptr},
-        {"devices not a number", "options v4l2loopback devices=one card_label=Vistrel\n", "outcome failed 1 refusing", nullptr},
-        {"video_nr not numbers", "options v4l2loopback video_nr=10,x card_label=Vistrel\n", "outcome failed 1 refusing", nullptr},
-        {"a label longer than a device name", "options v4l2loopback card_label=" + QString(40, 'V') + "\n", "outcome failed 1 refusing", nullptr},
-        // modprobe would hand the words after '#' to the kernel as options.
-        {"a comment after an option", "options v4l2loopback devices=1 # card_label=Other\n", "outcome failed 1 refusing", nullptr},
-        // modprobe joins the next line to a line ending in a backslash, comment or not.
-        {"a continued comment", "# note \\\noptions v4l2loopback card_label=Vistrel\n", "outcome failed 1 refusing", nullptr},
-        {"a key set twice", "options v4l2loopback card_label=Vistrel\noptions v4l2loopback card_label=Other\n", "outcome failed 1 refusing", nullptr},
+    // 0.13 in use: the camera is added with v4l2loopback-ctl from the bundle's options; null: refused.
+    const std::pair<QString, const char *> cases[] = {
+        {"# card_label=$(reboot) exclusive_caps=0\n  # card_label=Other\n\noptions v4l2loopback devices=1 card_label=Vistrel exclusive_caps=1\n", "-n Vistrel -x 1"},
+        {"options\tv4l2loopback\tdevices=1 \tcard_label=Vistrel\texclusive_caps=0\n", "-n Vistrel -x 0"},
+        {"options v4l2loopback card_label=--help\n", nullptr},
+        {"options v4l2loopback card_label=" + QString(40, 'V') + "\n", nullptr},
+        {"options v4l2loopback card_label=Vistrel exclusive_caps=2\n", nullptr},
+        {"options v4l2loopback devices=one card_label=Vistrel\n", nullptr},
+        {"options v4l2loopback video_nr=10,x card_label=Vistrel\n", nullptr},
+        {"# note \\\noptions v4l2loopback card_label=Vistrel\n", nullptr}, // modprobe continues a comment too
+        {"options v4l2loopback card_label=Vistrel\noptions v4l2loopback card_label=Other\n", nullptr},
     };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto &[config, added] : cases) {
+        SCOPED_TRACE(config.toStdString());
         FakeLoopbackMachine m;
         m.loadModule("0.13.2", "OBS Virtual Camera", 1);
-        m.write("share/vistrel/SystemExtensions/" + kId + "/modprobe.conf", c.config);
+        m.write(kBundle + "modprobe.conf", config);
         const QString out = ::helper(m, "activate");
-        EXPECT_TRUE(out.startsWith(c.outcome)) << out.toStdString();
-        const QStringList added = m.toolLog().filter("v4l2loopback-ctl");
-        if (c.added) {
-            EXPECT_EQ(added.join('|').toStdString(), std::string("v4l2loopback-ctl add ") + c.added);
-            EXPECT_TRUE(m.read(m.modprobeFile()).endsWith(c.config)) << "installed as bundled";
-        } else {
-            EXPECT_TRUE(added.isEmpty()) << added.join('|').toStdString();
-            EXPECT_FALSE(QFileInfo::exists(m.modprobeFile()));
-        }
+        EXPECT_TRUE(out.startsWith(added ? "outcome completed" : "outcome failed 1 refusing")) << out.toStdString();
+        EXPECT_EQ(m.toolLog().filter("v4l2loopback-ctl").join('|').toStdString(), added ? "v4l2loopback-ctl add " + std::string(added) : "");
+        EXPECT_EQ(QFileInfo::exists(m.modprobeFile()), added != nullptr);
     }
 }
 
 TEST_F(HelperProcessTest, ABundleWithTwoFaultsIsReportedByTheFirst)
 {
-    const QString bundle = "share/vistrel/SystemExtensions/" + kId + "/";
-    machine.write(bundle + "manifest", QString(70 * 1024, '#'));
-    machine.write(bundle + "modprobe.conf", QString(70 * 1024, '#'));
+    for (const char *file : {"manifest", "modprobe.conf"})
+        machine.write(kBundle + file, QString(70 * 1024, '#'));
     const QString out = helper("activate");
-    EXPECT_TRUE(out.startsWith("outcome failed 1 ") && out.contains(bundle + "manifest") && !out.contains("modprobe.conf"))
-        << out.toStdString();
+    EXPECT_TRUE(out.startsWith("outcome failed 1 ") && out.contains(kBundle + "manifest") && !out.contains("modprobe.conf")) << out.toStdString();
 }
 
 TEST_F(HelperProcessTest, RunsTakeTurnsSoParallelRequestsLeaveEtcWhole)
 {
     machine.installModule("0.12.7");
-    const QString bundle = "share/vistrel/SystemExtensions/" + kId + "/";
-    const QString record = kRecord + "1.0 state=installed\n";
-    const QDir modprobeDir(machine.path("etc/modprobe.d")), modulesLoadDir(machine.path("etc/modules-load.d"));
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE(round);
-        std::vector<std::unique_ptr<QProcess>> runs;
-        for (int i = 0; i < 40; ++i) {
-            runs.push_back(std::make_unique<QProcess>());
-            runs.back()->start(VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable",
-                               {"--test-root=" + machine.root(), i % 2 ? "deactivate" : "activate", kId});
+        std::vector<std::unique_ptr<QProcess>> runs(40);
+        for (std::size_t i = 0; i < runs.size(); ++i) {
+            runs[i] = std::make_unique<QProcess>();
+            runs[i]->start(kTestable, {"--test-root=" + machine.root(), i % 2 ? "deactivate" : "activate", kId});
         }
         QStringList outcomes;
-        for (const auto &process : runs) {
-            EXPECT_TRUE(process->waitForFinished(60000));
-            outcomes << QString::fromUtf8(process->readAllStandardOutput()).trimmed();
-        }
+        for (const auto &process : runs)
+            outcomes << (process->waitForFinished(60000) ? QString::fromUtf8(process->readAllStandardOutput()).trimmed() : "hung");
         EXPECT_EQ(outcomes.filter("outcome completed").size(), 40) << outcomes.join('|').toStdString();
+        // Both files whole or neither, and no temporaries left.
         const bool installed = QFileInfo::exists(machine.modprobeFile());
-        EXPECT_EQ(QFileInfo::exists(machine.modulesLoadFile()), installed) << "both files or neither";
-        if (installed) {
-            EXPECT_EQ(machine.read(machine.modprobeFile()), record + machine.read(bundle + "modprobe.conf"));
-            EXPECT_EQ(machine.read(machine.modulesLoadFile()), record + machine.read(bundle + "modules-load.conf"));
+        for (const QString kind : {"modprobe", "modules-load"}) {
+            const QString file = machine.path("etc/" + kind + ".d/" + kId + ".conf");
+            EXPECT_EQ(machine.read(file), installed ? kRecord + "1.0 state=installed\n" + machine.read(kBundle + kind + ".conf") : "");
+            EXPECT_EQ(QDir(machine.path("etc/" + kind + ".d")).entryList(QDir::Files | QDir::Hidden | QDir::System).join('|'), installed ? kId + ".conf" : "");
         }
-        const std::string expected = installed ? (kId + ".conf").toStdString() : std::string();
-        for (const QDir &dir : {modprobeDir, modulesLoadDir})
-            EXPECT_EQ(dir.entryList(QDir::Files | QDir::Hidden | QDir::System).join('|').toStdString(), expected) << "no temporaries left";
     }
 }
 
@@ -248,35 +226,28 @@ TEST_F(HelperProcessTest, ARunWaitsForTheLockABoundedTimeRefusesAForeignLockFile
 {
     machine.installModule("0.12.7");
     const QString lockPath = machine.path("run/vistrel-camera-extension.lock");
-    const QStringList waitBriefly = {"--test-root=" + machine.root(), "--test-lock-wait=300", "activate", kId};
-    {
-        QFile held(lockPath);
-        ASSERT_TRUE(held.open(QIODevice::ReadWrite));
-        ASSERT_EQ(::flock(held.handle(), LOCK_EX), 0);
-        const HelperRun waited = run(waitBriefly);
-        EXPECT_TRUE(waited.out.startsWith("outcome failed 1 ") && waited.out.contains("still running")) << waited.out.toStdString();
-        EXPECT_FALSE(QFileInfo::exists(machine.modprobeFile())) << "nothing done without the lock";
-    }
-    EXPECT_EQ(run(waitBriefly).out, "outcome completed") << "the lock is free again";
+    const auto holdLocked = [](const QString &path) {
+        auto file = std::make_unique<QFile>(path);
+        EXPECT_TRUE(file->open(QIODevice::ReadWrite) && ::flock(file->handle(), LOCK_EX) == 0);
+        return file;
+    };
+    auto held = holdLocked(lockPath);
+    const QString waited = run({"--test-root=" + machine.root(), "--test-lock-wait=300", "activate", kId}).out;
+    EXPECT_TRUE(waited.startsWith("outcome failed 1 ") && waited.contains("still running")) << waited.toStdString();
+    EXPECT_FALSE(QFileInfo::exists(machine.modprobeFile())) << "nothing done without the lock";
 
-    // A temporary that its writer still holds is not taken for one a killed run left.
+    // Once it is free: a temporary its writer still holds is not taken for one a killed run left.
     const QString temporary = machine.path("etc/modprobe.d/." + kId + ".conf.vistrel-AbCd12");
-    {
-        QFile writing(temporary);
-        ASSERT_TRUE(writing.open(QIODevice::WriteOnly));
-        ASSERT_EQ(::flock(writing.handle(), LOCK_EX), 0);
-        EXPECT_EQ(helper("activate"), "outcome completed");
-        EXPECT_TRUE(QFileInfo::exists(temporary));
-    }
+    held = holdLocked(temporary);
     EXPECT_EQ(helper("activate"), "outcome completed");
-    EXPECT_FALSE(QFileInfo::exists(temporary)) << "abandoned once its writer is gone";
+    EXPECT_TRUE(QFileInfo::exists(temporary));
 
     // A link in place of the lock file is not followed.
     machine.write("victim", "precious\n");
     QFile::remove(lockPath);
     QFile::link(machine.path("victim"), lockPath);
-    const HelperRun linked = run({"--test-root=" + machine.root(), "deactivate", kId});
-    EXPECT_TRUE(linked.out.startsWith("outcome failed 1 ") && linked.out.contains(lockPath)) << linked.out.toStdString();
+    const QString linked = helper("deactivate");
+    EXPECT_TRUE(linked.startsWith("outcome failed 1 ") && linked.contains(lockPath)) << linked.toStdString();
     EXPECT_TRUE(QFileInfo::exists(machine.modprobeFile())) << "nothing done without the lock";
     EXPECT_EQ(machine.read("victim"), "precious\n");
 }

@@ -1,6 +1,5 @@
 // The loopback sink against a stand-in for the v4l2loopback device: what reaches the
-// device, and what the sink does when the device misbehaves (a write that never
-// returns, a device that goes away).
+// device, and what the sink does when a write fails or never returns.
 #include "FakeLoopbackDevice.h"
 #include "SystemLogCapture.h"
 #include "TestHome.h"
@@ -21,6 +20,7 @@ namespace vistrel {
 namespace {
 
 using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 using test::FakeLoopbackDevice;
 using vcam::LoopbackSink;
 
@@ -31,78 +31,48 @@ vcam::SampleBuffer frame()
     return {std::make_shared<vcam::PixelBuffer>(LoopbackSink::kWidth, LoopbackSink::kHeight), nullptr, 0};
 }
 
-// The device gets a black frame at once, from the writer (never from the caller of
-// start()), then each frame enqueued; every frame taken is reported, and stopping an
-// idle writer closes the device.
-TEST(LoopbackSinkTest, FramesGoToTheDeviceFromTheWriterAndStoppingClosesIt)
+// A black frame goes at once, then each frame enqueued, all from the writer thread; each
+// take is reported. A write to a vanished device is the last: one line, no more writes,
+// enqueue refused, its descriptor not touched again (not even closed). Other failures
+// pass, one line per kind.
+TEST(LoopbackSinkTest, FramesGoFromTheWriterAndAWriteToAVanishedDeviceIsTheLast)
 {
-    auto device = std::make_shared<FakeLoopbackDevice>();
-    std::atomic<int> altered{0};
-    {
-        LoopbackSink sink(kNode, [&] { ++altered; }, device);
-        ASSERT_EQ(sink.start(), 0);
-        ASSERT_TRUE(device->waitForWriteCalls(1));
-        for (int i = 0; i < 2; ++i) {
-            ASSERT_EQ(sink.enqueue(frame()), 0);
-            ASSERT_TRUE(device->waitForWriteCalls(2 + i));
-        }
-        for (const std::thread::id writer : device->writerThreads())
-            EXPECT_NE(writer, std::this_thread::get_id());
-        EXPECT_EQ(device->framesTaken(), 3);
-        EXPECT_TRUE(QTest::qWaitFor([&] { return altered == 2; }, 1000)); // each frame's take is reported
-        const auto began = std::chrono::steady_clock::now();
-        EXPECT_TRUE(sink.stop());
-        EXPECT_LT(std::chrono::steady_clock::now() - began, LoopbackSink::kStopTimeout / 2);
-        EXPECT_EQ(device->openDescriptors(), 1); // still the sink's until it goes
-    }
-    EXPECT_EQ(device->openDescriptors(), 0);
-}
-
-// A write failing because the device is gone (deleted, its module unloaded) is the
-// last: one line, no more writes, and the sink says it is lost and takes no frames.
-// Any other failure passes: one line per kind, and frames keep going to the device.
-// A lost device's descriptor is not touched again, not even to close it.
-TEST(LoopbackSinkTest, AWriteToAVanishedDeviceIsTheLast)
-{
-    const struct
-    {
-        int error;
-        bool gone;
-        QString line;
-    } cases[] = {
-        {ENODEV, true, "Writing to /dev/video10 failed: No such device (the device is gone: no more frames are written to it)"},
-        {EIO, true, "Writing to /dev/video10 failed: Input/output error (the device is gone: no more frames are written "
-         "to it)"},
-        {EAGAIN, false, "Writing to /dev/video10 failed: Resource temporarily unavailable"}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.error);
+    const std::pair<int, QStringList> cases[] = {{0, {}},
+                 {EAGAIN, {"Writing to /dev/video10 failed: Resource temporarily unavailable"}},
+                 {ENODEV, {"Writing to /dev/video10 failed: No such device (the device is gone: no more frames are "
+                           "written to it)"}}};
+    for (const auto &[error, lines] : cases) {
+        SCOPED_TRACE(error);
+        const bool gone = error == ENODEV;
         auto device = std::make_shared<FakeLoopbackDevice>();
-        auto owned = std::make_unique<LoopbackSink>(kNode, [] {}, device);
-        LoopbackSink &sink = *owned;
-        ASSERT_EQ(sink.start(), 0);
+        std::atomic<int> altered{0};
+        auto sink = std::make_unique<LoopbackSink>(kNode, [&] { ++altered; }, device);
+        ASSERT_EQ(sink->start(), 0);
         ASSERT_TRUE(device->waitForWriteCalls(1));
         test::SystemLogCapture log;
-        device->setWrites(FakeLoopbackDevice::Writes::Failing, c.error);
-        ASSERT_EQ(sink.enqueue(frame()), 0);
+        device->setWriteError(error);
+        ASSERT_EQ(sink->enqueue(frame()), 0);
         ASSERT_TRUE(device->waitForWriteCalls(2));
-        ASSERT_TRUE(QTest::qWaitFor([&] { return sink.isLost(); }, 1000) == c.gone);
-        EXPECT_EQ(sink.enqueue(frame()), c.gone ? ENODEV : 0);
-        EXPECT_EQ(sink.enqueue(frame()), c.gone ? ENODEV : 0);
-        if (!c.gone) {
-            EXPECT_TRUE(device->waitForWriteCalls(4));
-        }
-        EXPECT_TRUE(sink.stop());
-        EXPECT_EQ(device->writeCalls(), c.gone ? 2 : 4);
-        EXPECT_EQ(log.lines(), QStringList{c.line});
-        owned.reset();
-        EXPECT_EQ(device->openDescriptors(), c.gone ? 1 : 0);
+        EXPECT_TRUE(QTest::qWaitFor([&] { return altered == 1 || sink->isLost(); }, 1000));
+        EXPECT_EQ(sink->isLost(), gone);
+        EXPECT_EQ(sink->enqueue(frame()), gone ? ENODEV : 0);
+        EXPECT_TRUE(gone || device->waitForWriteCalls(3));
+        const auto began = Clock::now();
+        EXPECT_TRUE(sink->stop());
+        EXPECT_LT(Clock::now() - began, LoopbackSink::kStopTimeout / 2);
+        for (const std::thread::id writer : device->writerThreads())
+            EXPECT_NE(writer, std::this_thread::get_id());
+        EXPECT_EQ(device->writerThreads().size(), gone ? 2u : 3u);
+        EXPECT_EQ(device->framesTaken(), error ? 1 : 3);
+        EXPECT_EQ(log.lines(), lines);
+        sink.reset();
+        EXPECT_EQ(device->openDescriptors(), gone ? 1 : 0);
     }
 }
 
-// A write that never comes back (a device whose module went away) holds up neither
-// start() nor stop(): stopping gives the writer up after the bound, says so, and the
-// process still exits normally. Run in a child process, which a stuck writer cannot
-// outlive, with a watchdog so that a hang fails instead of waiting forever.
+// A write that never returns holds up neither start() nor stop(): stopping gives the
+// writer up after the bound, says so in the trace, and the process still exits. Run in a
+// child (which a stuck writer cannot outlive) under a watchdog, so a hang fails.
 TEST(LoopbackSinkDeathTest, AWriteThatNeverReturnsHoldsUpNeitherStartNorQuit)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -116,18 +86,15 @@ TEST(LoopbackSinkDeathTest, AWriteThatNeverReturnsHoldsUpNeitherStartNorQuit)
         {
             ::alarm(20);
             auto device = std::make_shared<FakeLoopbackDevice>();
-            device->setWrites(FakeLoopbackDevice::Writes::NeverReturning);
+            device->setWriteError(FakeLoopbackDevice::kNeverReturns);
             auto sink = std::make_unique<LoopbackSink>(kNode, [] {}, device);
-            auto began = std::chrono::steady_clock::now();
-            expect(sink->start() == 0, "the sink started");
-            expect(std::chrono::steady_clock::now() - began < 500ms, "start() returned at once");
+            auto began = Clock::now();
+            expect(sink->start() == 0 && Clock::now() - began < 500ms, "start() returned at once");
             expect(device->waitForWriteCalls(1), "the first frame is being written");
-            expect(device->writerThreads().front() != std::this_thread::get_id(), "not by start()'s caller");
             sink->enqueue(frame());
-
-            began = std::chrono::steady_clock::now();
+            began = Clock::now();
             sink.reset(); // as at quit
-            const auto took = std::chrono::steady_clock::now() - began;
+            const auto took = Clock::now() - began;
             expect(took >= LoopbackSink::kStopTimeout - 100ms && took < LoopbackSink::kStopTimeout + 1s,
                    "stopping waited for the writer, and no longer than the bound");
             expect(test::readFile(traceLogPath()).contains("did not stop within 2 s: given up, stuck in a write"),
