@@ -2,7 +2,6 @@
 #include "TestHome.h"
 
 #include <QProcess>
-#include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
 #include <gtest/gtest.h>
@@ -94,73 +93,39 @@ TEST(AppProcess, WithoutItsInterfaceFileShowsTheFallbackWindow)
     EXPECT_TRUE(app.waitFor("errors", QStringLiteral("fallback window shown")));
 }
 
-// Logout, `systemctl --user stop`, `kill` and Ctrl+C end the app as its Exit buttons do:
-// a normal exit, a trace line naming the signal, and the completion flag reset when
-// onboarding was still on screen (kept on the main-window path).
+// Logout, `systemctl --user stop`, `kill` and Ctrl+C end the app as its Exit buttons do. A
+// damaged settings file reads as absent (onboarding), whose end then sets that one line only.
 TEST(AppProcess, TerminationSignalsEndTheAppThroughItsNormalTermination)
-{
-    // No stored extension record and none installed: onboarding, although the flag says done.
-    const QByteArray onboarding = "[General]\nonboardingComplete=true\n";
-    const struct { int signal; const char *name; const QByteArray &settings; bool onboardingPath; } cases[] = {
-        {SIGTERM, "SIGTERM", onboarding, true},
-        {SIGINT, "SIGINT", onboarding, true},
-        {SIGHUP, "SIGHUP", onboarding, true},
-        {SIGTERM, "SIGTERM", kFinishedOnboarding, false},
-    };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(c.name);
-        AppProcess app(kBinary, c.settings);
-        ASSERT_TRUE(app.launched()) << app.trace().toStdString();
-        ASSERT_TRUE(app.trace().contains(c.onboardingPath ? QStringLiteral("taking ONBOARDING path")
-                                                          : QStringLiteral("taking MAIN WINDOW path")));
-        ASSERT_EQ(::kill(static_cast<pid_t>(app.process.processId()), c.signal), 0);
-        ASSERT_TRUE(app.process.waitForFinished(10000));
-        EXPECT_EQ(app.process.exitStatus(), QProcess::NormalExit);
-        EXPECT_EQ(app.process.exitCode(), 0);
-        EXPECT_TRUE(app.trace().endsWith(QStringLiteral("] terminating on %1\n").arg(QLatin1String(c.name))))
-            << app.trace().toStdString();
-        const QSettings stored(app.settingsPath(), QSettings::IniFormat);
-        EXPECT_EQ(stored.value(QStringLiteral("onboardingComplete")).toString(),
-                  c.onboardingPath ? QStringLiteral("false") : QStringLiteral("true"));
-    }
-}
-
-// A runtime folder that others can enter is not used for the single-instance socket:
-// the app says so, starts, and a second launch still finds it (through the fallback).
-TEST(AppProcess, AnOpenRuntimeFolderIsRefusedAndTheAppStillStartsAlone)
-{
-    QTemporaryDir runtime(QStringLiteral("/tmp/vst-XXXXXX"));
-    ASSERT_TRUE(QFile::setPermissions(runtime.path(), QFileDevice::Permissions(0x7777)));
-    AppProcess first(kBinary, kFinishedOnboarding, {{QStringLiteral("XDG_RUNTIME_DIR"), runtime.path()}});
-    ASSERT_TRUE(first.launched());
-    EXPECT_TRUE(first.read("errors").contains(QStringLiteral("[Vistrel] XDG_RUNTIME_DIR %1 is not private to this user (").arg(runtime.path())))
-        << first.read("errors").toStdString();
-    EXPECT_TRUE(QDir(runtime.path()).isEmpty()) << "nothing is put where others can reach it";
-
-    QProcess second;
-    second.setProcessEnvironment(first.process.processEnvironment());
-    second.start(kBinary);
-    ASSERT_TRUE(second.waitForFinished(10000));
-    EXPECT_EQ(second.exitCode(), 0);
-    EXPECT_TRUE(first.waitFor("errors", QStringLiteral("[Vistrel] reopen requested by a second launch")));
-}
-
-// The real program over a damaged settings file: it starts on the onboarding path (the
-// odd flag reads as absent), and quitting then stores "not complete" in that one line,
-// leaving every other byte of the file as it was.
-TEST(AppProcess, ADamagedSettingsFileIsReadAsAbsentAndNotRewritten)
 {
     const QByteArray damaged = QByteArray("# mine\n[General]\nonboardingComplete=maybe\nextensionInstalled=@Variant(\\0\\0\\0\\x7f)\n")
                                + QByteArray("blob=\x00\xff\xfe\n", 9) + "[Broken\nx=1\n[Other]\nhuge=" + QByteArray(1 << 20, 'z')
                                + "\ntruncated=\"open";
-    AppProcess app(kBinary, damaged);
-    ASSERT_TRUE(app.launched()) << app.read("errors").toStdString();
-    EXPECT_TRUE(app.trace().contains(QStringLiteral("didFinishLaunching state — onboardingComplete=false ")));
-    EXPECT_TRUE(app.trace().contains(QStringLiteral("taking ONBOARDING path")));
-    ASSERT_EQ(::kill(static_cast<pid_t>(app.process.processId()), SIGTERM), 0);
-    ASSERT_TRUE(app.process.waitForFinished(10000));
-    EXPECT_EQ(app.process.exitCode(), 0);
-    QByteArray expected = damaged;
-    expected.replace("onboardingComplete=maybe\n", "onboardingComplete=false\n");
-    EXPECT_TRUE(vistrel::test::readFile(app.settingsPath()) == expected) << "the settings file was rewritten";
+    const struct { int signal; const char *name; const QByteArray &settings; } cases[] = {
+        {SIGTERM, "SIGTERM", damaged}, {SIGINT, "SIGINT", damaged}, {SIGHUP, "SIGHUP", damaged}, {SIGTERM, "SIGTERM", kFinishedOnboarding}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        const bool onboarding = &c.settings == &damaged;
+        AppProcess app(kBinary, c.settings);
+        ASSERT_TRUE(app.launched()) << app.read("errors").toStdString();
+        ASSERT_TRUE(app.trace().contains(onboarding ? QStringLiteral("state — onboardingComplete=false ") : QStringLiteral("taking MAIN WINDOW path")));
+        ASSERT_EQ(::kill(static_cast<pid_t>(app.process.processId()), c.signal), 0);
+        ASSERT_TRUE(app.process.waitForFinished(10000));
+        EXPECT_TRUE(app.process.exitStatus() == QProcess::NormalExit && app.process.exitCode() == 0);
+        EXPECT_TRUE(app.trace().endsWith(QStringLiteral("] terminating on %1\n").arg(QLatin1String(c.name)))) << app.trace().toStdString();
+        EXPECT_TRUE(vistrel::test::readFile(app.settingsPath())
+                    == QByteArray(c.settings).replace("onboardingComplete=maybe\n", "onboardingComplete=false\n"))
+            << "settings not reset, or rewritten";
+    }
+}
+
+// A runtime folder that others can enter is refused, and the app starts all the same.
+TEST(AppProcess, AnOpenRuntimeFolderIsRefusedAndTheAppStillStartsAlone)
+{
+    QTemporaryDir runtime(QStringLiteral("/tmp/vst-XXXXXX"));
+    ASSERT_TRUE(QFile::setPermissions(runtime.path(), QFileDevice::Permissions(0x7777)));
+    AppProcess app(kBinary, kFinishedOnboarding, {{QStringLiteral("XDG_RUNTIME_DIR"), runtime.path()}});
+    ASSERT_TRUE(app.launched());
+    EXPECT_TRUE(app.read("errors").contains(QStringLiteral("[Vistrel] XDG_RUNTIME_DIR %1 is not private to this user (").arg(runtime.path())))
+        << app.read("errors").toStdString();
+    EXPECT_TRUE(QDir(runtime.path()).isEmpty()) << "nothing is put where others can reach it";
 }

