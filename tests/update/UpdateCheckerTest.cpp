@@ -218,6 +218,9 @@ TEST_F(UpdateCheckerTest, BadFeedsFailQuietlyWithinTheDeadline)
         QByteArray body;
         std::function<void(QTcpSocket *)> respond = {};
     } rows[] = {
+        {"empty body", ""},
+        {"not JSON", "<html><body>Service Unavailable</body></html>"},
+        {"truncated JSON", feed(R"(,"minimumBuild":110)").left(60)},
         {"build as a string", feed("", R"("120")")},
         {"build past 64 bits", feed("", "9223372036854775808")},
         {"minimum as a string", feed(R"(,"minimumBuild":"110")")},
@@ -229,8 +232,17 @@ TEST_F(UpdateCheckerTest, BadFeedsFailQuietlyWithinTheDeadline)
              socket->write("HTTP/1.1 200 OK\r\nContent-Length: 400\r\nConnection: close\r\n\r\n" + feed());
              socket->disconnectFromHost();
          }},
+        {"a redirect loop",
+         {},
+         [this](QTcpSocket *socket) {
+             socket->write("HTTP/1.1 302 Found\r\nLocation: " + server.url().toEncoded()
+                           + "\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+             socket->disconnectFromHost();
+         }},
+        {"a server that never answers", {}, [](QTcpSocket *) {}},
         {"a server that trickles a byte at a time", {}, trickle},
         {"file: download", feed(R"(,"minimumBuild":110)").replace("https://vistrel.app/download", "file:///etc/passwd")},
+        {"javascript: download", feed().replace("https://vistrel.app/download", "javascript:alert(1)")},
     };
     UpdateChecker quick(server.url(), 1s);
     for (const auto &row : rows) {
