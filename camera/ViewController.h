@@ -67,6 +67,10 @@ public:
     void setupCameraControls();
     void setupDefaultCapture();
     void configureCapture(const camera::CameraDevice &device);
+    // Builds the capture session just made for `device` and starts it; failures are
+    // console lines behind `errorPrefix`. The output is also stored in `keptOutput`.
+    void startCaptureSession(const camera::CameraDevice &device, const QString &errorPrefix,
+                             std::shared_ptr<camera::VideoDataOutput> *keptOutput);
     // Runs on the capture pipeline's streaming thread, once per frame.
     void processCameraFrame(GstSample *sample);
     void attachCameraFrames(camera::VideoDataOutput &output);

@@ -82,36 +82,21 @@ void ViewController::setupDefaultCapture()
         consoleLine(QStringLiteral("Erreur : Pas de caméra disponible."));
         return;
     }
-
-    QString error;
-    auto input = camera::CaptureDeviceInput::create(devices.front(), &error);
-    if (!input) {
-        consoleLine(QStringLiteral("Erreur lors de la configuration de la caméra : ") + error);
-        return;
-    }
-    if (captureSession->canAddInput(*input))
-        captureSession->addInput(input);
-
-    videoOutput = std::make_shared<camera::VideoDataOutput>();
-    if (captureSession->canAddOutput(*videoOutput)) {
-        captureSession->addOutput(videoOutput);
-        attachCameraFrames(*videoOutput);
-    }
-
-    const QString errorPrefix = QStringLiteral("Erreur lors de la configuration de la caméra : ");
-    captureSession->setRuntimeErrorHandler([errorPrefix](const QString &text) { consoleLine(errorPrefix + text); });
-    captureSession->startRunning([errorPrefix](bool running, const QString &failure) {
-        if (!running)
-            consoleLine(errorPrefix + failure);
-    });
+    startCaptureSession(devices.front(), QStringLiteral("Erreur lors de la configuration de la caméra : "), &videoOutput);
 }
 
 void ViewController::configureCapture(const camera::CameraDevice &device)
 {
-    // The previous session is released here; it winds down on its own.
+    // The previous session is released here; it winds down on its own. Each session gets
+    // its own output and its own streaming thread; videoOutput keeps the default
+    // session's output.
     captureSession = std::make_shared<camera::CaptureSession>();
+    startCaptureSession(device, QStringLiteral("Erreur lors de la configuration de la capture vidéo : "), nullptr);
+}
 
-    const QString errorPrefix = QStringLiteral("Erreur lors de la configuration de la capture vidéo : ");
+void ViewController::startCaptureSession(const camera::CameraDevice &device, const QString &errorPrefix,
+                                         std::shared_ptr<camera::VideoDataOutput> *keptOutput)
+{
     QString error;
     auto input = camera::CaptureDeviceInput::create(device, &error);
     if (!input) {
@@ -121,9 +106,9 @@ void ViewController::configureCapture(const camera::CameraDevice &device)
     if (captureSession->canAddInput(*input))
         captureSession->addInput(input);
 
-    // Each session gets its own output and its own streaming thread; videoOutput keeps
-    // the default session's output.
     auto output = std::make_shared<camera::VideoDataOutput>();
+    if (keptOutput)
+        *keptOutput = output;
     if (captureSession->canAddOutput(*output)) {
         captureSession->addOutput(output);
         attachCameraFrames(*output);
