@@ -2,8 +2,8 @@
 #include "app/AppDelegate.h"
 
 #include "app/MainWindowController.h"
-#include "app/Platform.h"
-#include "app/SystemLog.h"
+#include "core/Platform.h"
+#include "core/SystemLog.h"
 #include "app/WindowPlacement.h"
 #include "onboarding/OnboardingCoordinator.h"
 #include "onboarding/OnboardingManager.h"

@@ -1,7 +1,7 @@
 #include "app/SingleInstance.h"
 
-#include "app/LocalSocketPath.h"
-#include "app/SystemLog.h"
+#include "core/LocalSocketPath.h"
+#include "core/SystemLog.h"
 
 #include <QDir>
 #include <QLocalServer>

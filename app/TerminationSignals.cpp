@@ -1,6 +1,6 @@
 #include "app/TerminationSignals.h"
 
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 
 #include <QSocketNotifier>
 

@@ -1,9 +1,9 @@
 // The controller's window actions.
 #include "camera/ViewController.h"
 
-#include "app/NotificationCenter.h"
-#include "app/Platform.h"
-#include "app/SystemLog.h"
+#include "core/NotificationCenter.h"
+#include "core/Platform.h"
+#include "core/SystemLog.h"
 
 namespace vistrel {
 

@@ -1,7 +1,7 @@
 #include "camera/ViewController.h"
 
-#include "app/NotificationCenter.h"
-#include "app/SystemLog.h"
+#include "core/NotificationCenter.h"
+#include "core/SystemLog.h"
 #include "onboarding/OnboardingManager.h"
 
 #include <QApplication>

@@ -1,7 +1,7 @@
 // Camera discovery, selection and capture.
 #include "camera/ViewController.h"
 
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 #include "camera/CaptureSession.h"
 #include "camera/FrameGate.h"
 #include "camera/SampleImage.h"

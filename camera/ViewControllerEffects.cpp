@@ -2,7 +2,7 @@
 // path tests per frame.
 #include "camera/ViewController.h"
 
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 
 #include <QPushButton>
 #include <QTimer>

@@ -2,7 +2,7 @@
 // the camera's pictures.
 #include "camera/ViewController.h"
 
-#include "app/Platform.h"
+#include "core/Platform.h"
 #include "camera/CaptureSession.h"
 #include "camera/FrameGate.h"
 #include "camera/MoviePlayer.h"

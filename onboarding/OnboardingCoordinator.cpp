@@ -1,8 +1,8 @@
 #include "onboarding/OnboardingCoordinator.h"
 
 #include "app/AppDelegate.h"
-#include "app/Platform.h"
-#include "app/TraceLog.h"
+#include "core/Platform.h"
+#include "core/TraceLog.h"
 #include "onboarding/OnboardingView.h"
 
 #include <QScreen>

@@ -1,7 +1,7 @@
 #include "onboarding/OnboardingManager.h"
 
-#include "app/Services.h"
-#include "app/UserDefaults.h"
+#include "core/Services.h"
+#include "core/UserDefaults.h"
 #include "camera/CameraAuthorization.h"
 #include "sysext/ExtensionProbes.h"
 

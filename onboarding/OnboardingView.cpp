@@ -1,7 +1,7 @@
 #include "onboarding/OnboardingView.h"
 
-#include "app/NotificationCenter.h"
-#include "app/Platform.h"
+#include "core/NotificationCenter.h"
+#include "core/Platform.h"
 #include "camera/CameraAuthorization.h"
 #include "onboarding/OnboardingManager.h"
 #include "sysext/CameraExtensionHelper.h"

@@ -1,10 +1,10 @@
 // The application delegate's answers to the extension request that onboarding submits.
 #include "app/AppDelegate.h"
 
-#include "app/NotificationCenter.h"
-#include "app/Platform.h"
-#include "app/TraceLog.h"
-#include "app/UserDefaults.h"
+#include "core/NotificationCenter.h"
+#include "core/Platform.h"
+#include "core/TraceLog.h"
+#include "core/UserDefaults.h"
 #include "onboarding/OnboardingManager.h"
 #include "sysext/CameraExtensionHelper.h"
 #include "sysext/ExtensionManager.h"

@@ -1,7 +1,7 @@
 #include "sysext/CameraExtensionHelper.h"
 
-#include "app/Platform.h"
-#include "app/SystemLog.h"
+#include "core/Platform.h"
+#include "core/SystemLog.h"
 #include "sysext/ExtensionFiles.h"
 #include "vcam/v4l2loopback/VideoDeviceList.h"
 

@@ -1,5 +1,5 @@
 #pragma once
-#include "app/Bundle.h"
+#include "core/Bundle.h"
 #include "sysext/ExtensionProbes.h"
 
 #include <QString>

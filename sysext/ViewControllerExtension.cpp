@@ -1,8 +1,8 @@
 // The controller's extension requests and their answers, reported through showMessage.
 #include "camera/ViewController.h"
 
-#include "app/NotificationCenter.h"
-#include "app/Platform.h"
+#include "core/NotificationCenter.h"
+#include "core/Platform.h"
 #include "sysext/CameraExtensionHelper.h"
 #include "sysext/ExtensionBundle.h"
 #include "sysext/ExtensionManager.h"

@@ -1,8 +1,8 @@
 #include "update/UpdateChecker.h"
 
-#include "app/Platform.h"
-#include "app/SystemLog.h"
-#include "app/UserDefaults.h"
+#include "core/Platform.h"
+#include "core/SystemLog.h"
+#include "core/UserDefaults.h"
 
 #include <QCoreApplication>
 #include <QNetworkAccessManager>

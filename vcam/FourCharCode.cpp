@@ -1,6 +1,6 @@
 #include "vcam/FourCharCode.h"
 
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 
 #include <QTextBoundaryFinder>
 #include <QtGlobal>

@@ -1,6 +1,6 @@
 #include "vcam/PropertyAccess.h"
 
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 
 namespace vistrel::vcam {
 

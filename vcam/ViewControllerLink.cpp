@@ -1,7 +1,7 @@
 // The virtual-camera link of the controller: finding the device and its streams, the
 // start-up sequence, the connecting placeholder and the preview, and sending frames.
 #include "app/Spinner.h"
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 #include "camera/ViewController.h"
 #include "vcam/FrameDrawing.h"
 #include "vcam/FrameSize.h"

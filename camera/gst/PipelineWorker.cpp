@@ -1,6 +1,6 @@
 #include "camera/gst/PipelineWorker.h"
 
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 
 #include <QCoreApplication>
 #include <QMetaObject>

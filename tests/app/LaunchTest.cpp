@@ -1,6 +1,6 @@
 #include "app/AppDelegate.h"
 #include "app/MainWindowController.h"
-#include "app/TraceLog.h"
+#include "core/TraceLog.h"
 
 #include "TestHome.h"
 #include "TestServices.h"

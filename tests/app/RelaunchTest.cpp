@@ -1,7 +1,7 @@
 #include "app/AppDelegate.h"
 #include "app/LinuxPlatform.h"
 #include "app/SingleInstance.h"
-#include "app/TraceLog.h"
+#include "core/TraceLog.h"
 
 #include "TestHome.h"
 #include "TestServices.h"

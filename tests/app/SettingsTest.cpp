@@ -1,6 +1,6 @@
 // The settings file as users and other programs leave it: wrong types and damage read
 // as absent, and the app's writes change its own line and nothing else.
-#include "app/UserDefaults.h"
+#include "core/UserDefaults.h"
 
 #include "SystemLogCapture.h"
 #include "TestHome.h"

@@ -1,4 +1,4 @@
-#include "app/TraceLog.h"
+#include "core/TraceLog.h"
 
 #include "TestHome.h"
 

@@ -2,7 +2,7 @@
 // window that hosts it, offscreen.
 #include "app/AppDelegate.h"
 #include "app/SingleInstance.h"
-#include "app/TraceLog.h"
+#include "core/TraceLog.h"
 #include "onboarding/OnboardingCoordinator.h"
 #include "onboarding/OnboardingView.h"
 #include "sysext/CameraExtensionHelper.h"

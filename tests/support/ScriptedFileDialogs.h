@@ -1,5 +1,5 @@
 #pragma once
-#include "app/Platform.h"
+#include "core/Platform.h"
 
 #include <QPointer>
 #include <QTimer>

@@ -6,9 +6,9 @@
 #include "RecordingLauncher.h"
 #include "RecordingUrlOpener.h"
 #include "ScriptedAlertPresenter.h"
-#include "app/NotificationCenter.h"
-#include "app/Services.h"
-#include "app/UserDefaults.h"
+#include "core/NotificationCenter.h"
+#include "core/Services.h"
+#include "core/UserDefaults.h"
 
 #include <QDir>
 #include <memory>

@@ -1,7 +1,7 @@
 // The two request delegates: the view controller's requests, console messages and warning,
 // and the application delegate's trace lines, alerts, flag, notification, relaunch and quit.
 #include "app/AppDelegate.h"
-#include "app/TraceLog.h"
+#include "core/TraceLog.h"
 #include "camera/ViewController.h"
 #include "sysext/CameraExtensionHelper.h"
 #include "sysext/ExtensionManager.h"

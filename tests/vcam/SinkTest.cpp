@@ -3,7 +3,7 @@
 #include "FakeLoopbackDevice.h"
 #include "SystemLogCapture.h"
 #include "TestHome.h"
-#include "app/TraceLog.h"
+#include "core/TraceLog.h"
 #include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/LoopbackSink.h"
 

@@ -1,7 +1,7 @@
 #include "vcam/v4l2loopback/LoopbackSink.h"
 
-#include "app/SystemLog.h"
-#include "app/TraceLog.h"
+#include "core/SystemLog.h"
+#include "core/TraceLog.h"
 #include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
 

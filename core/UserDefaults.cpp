@@ -1,6 +1,6 @@
-#include "app/UserDefaults.h"
+#include "core/UserDefaults.h"
 
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 
 #include <QDir>
 #include <QFile>

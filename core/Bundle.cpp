@@ -1,6 +1,6 @@
-#include "app/Bundle.h"
+#include "core/Bundle.h"
 
-#include "app/BuildInfo.h"
+#include "core/BuildInfo.h"
 
 #include <QCoreApplication>
 #include <QDir>

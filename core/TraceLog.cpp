@@ -1,6 +1,6 @@
-#include "app/TraceLog.h"
+#include "core/TraceLog.h"
 
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 
 #include <QDir>
 

@@ -1,4 +1,4 @@
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 
 #include <cstdio>
 #include <mutex>

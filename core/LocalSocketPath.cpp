@@ -1,6 +1,6 @@
-#include "app/LocalSocketPath.h"
+#include "core/LocalSocketPath.h"
 
-#include "app/SystemLog.h"
+#include "core/SystemLog.h"
 
 #include <QDir>
 #include <QFile>
