@@ -2,6 +2,7 @@
 
 #include "sysext/helper/ChildProcess.h"
 #include "sysext/helper/SafeFiles.h"
+#include "vcam/v4l2loopback/LoopbackNode.h"
 
 #include <algorithm>
 #include <dirent.h>
@@ -43,29 +44,6 @@ std::string firstExecutable(std::initializer_list<const char *> candidates)
         if (isExecutable(candidate))
             return candidate;
     return {};
-}
-
-std::string linkTargetName(const std::string &path)
-{
-    char buffer[4096];
-    const ssize_t n = ::readlink(path.c_str(), buffer, sizeof buffer - 1);
-    if (n <= 0)
-        return {};
-    const std::string target(buffer, static_cast<std::size_t>(n));
-    const auto slash = target.rfind('/');
-    return slash == std::string::npos ? target : target.substr(slash + 1);
-}
-
-// As the app's own device list tells loopback devices apart: by the driver link, by
-// the parent device's name, or by v4l2loopback's own "max_openers" attribute.
-bool isLoopbackDevice(const std::string &classEntry)
-{
-    if (linkTargetName(classEntry + "/device/driver") == files::kModuleName)
-        return true;
-    if (linkTargetName(classEntry + "/device").starts_with(files::kModuleName))
-        return true;
-    struct stat info {};
-    return ::stat((classEntry + "/max_openers").c_str(), &info) == 0;
 }
 
 std::string oneLine(std::string text)
@@ -169,7 +147,7 @@ ModuleState ExtensionInstaller::moduleState() const
     });
     for (const std::string &entry : entries) {
         const std::string path = classDir + "/" + entry;
-        if (!isLoopbackDevice(path))
+        if (!vcam::isLoopbackClassEntry(path))
             continue;
         if (readSmall(path + "/name") == files::kCameraName)
             state.cameraNodes.push_back("/dev/" + entry);

@@ -1,6 +1,7 @@
 // The privileged helper run as a real child process: its test build against a fake
 // machine in a temporary folder, never the real /etc.
 #include "FakeLoopbackMachine.h"
+#include "vcam/v4l2loopback/VideoDeviceList.h"
 
 #include <QDirIterator>
 #include <QFileInfo>
@@ -251,3 +252,41 @@ TEST_F(HelperProcessTest, ARunWaitsForTheLockABoundedTimeRefusesAForeignLockFile
     EXPECT_TRUE(QFileInfo::exists(machine.modprobeFile())) << "nothing done without the lock";
     EXPECT_EQ(machine.read("victim"), "precious\n");
 }
+
+namespace {
+
+// The app's device list and the helper go by the same rule: each kind of sysfs entry is a
+// loopback device for both or for neither (the helper names it as the camera or not).
+TEST(LoopbackNodeRuleTest, TheAppAndTheHelperTellLoopbackDevicesApartAlike)
+{
+    // A link named `at` in the entry to the folder `target` of the machine's sysfs.
+    using Links = std::vector<std::pair<const char *, const char *>>;
+    struct Case { const char *name; Links links; bool maxOpeners; bool loopback; };
+    const Case cases[] = {
+        {"driver link to v4l2loopback", {{"device", "devices/platform/v4l2loopback.0"}, {"device/driver", "bus/platform/drivers/v4l2loopback"}}, false, true},
+        {"device link, no driver", {{"device", "devices/virtual/v4l2loopback"}}, false, true},
+        {"max_openers only", {}, true, true},
+        // Another driver decides, whatever the entry's attributes say.
+        {"driver link to uvcvideo", {{"device", "devices/usb1/1-1:1.0"}, {"device/driver", "bus/usb/drivers/uvcvideo"}}, true, false},
+        {"nothing of the module", {}, false, false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        FakeLoopbackMachine m;
+        m.loadModule("0.13.2", "Other");
+        const QString entry = m.path("sys/class/video4linux/video11");
+        m.write(entry + "/name", "Vistrel\n");
+        for (const auto &[at, target] : c.links) {
+            ASSERT_TRUE(QDir().mkpath(m.path("sys/") + target));
+            ASSERT_TRUE(QFile::link(m.path("sys/") + target, entry + "/" + at));
+        }
+        if (c.maxOpeners)
+            m.write(entry + "/max_openers", "10\n");
+        const auto devices = vistrel::vcam::listVideoDevices(m.path("sys"), "/dev");
+        ASSERT_EQ(devices.size(), 2u);
+        EXPECT_EQ(devices[1].isLoopback(), c.loopback);
+        EXPECT_TRUE(helper(m, "status").endsWith(c.loopback ? " camera=/dev/video11" : " camera=none")) << helper(m, "status").toStdString();
+    }
+}
+
+} // namespace

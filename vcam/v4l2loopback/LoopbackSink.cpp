@@ -30,23 +30,45 @@ struct ClientUsageEvent
     std::uint32_t count;
 };
 
+int retryingIoctl(int fd, unsigned long request, void *argument)
+{
+    int result;
+    do {
+        result = ::ioctl(fd, request, argument);
+    } while (result < 0 && errno == EINTR);
+    return result;
+}
+
 class KernelVideoDeviceIo final : public VideoDeviceIo
 {
 public:
     int open(const QByteArray &path, int flags) override { return ::open(path.constData(), flags); }
-    int ioctl(int fd, unsigned long request, void *argument) override { return ::ioctl(fd, request, argument); }
+    int queryCapabilities(int fd, v4l2_capability &capability) override
+    {
+        return retryingIoctl(fd, VIDIOC_QUERYCAP, &capability);
+    }
+    int setParameters(int fd, v4l2_streamparm &parameters) override
+    {
+        return retryingIoctl(fd, VIDIOC_S_PARM, &parameters);
+    }
+    int setFormat(int fd, v4l2_format &format) override { return retryingIoctl(fd, VIDIOC_S_FMT, &format); }
+    int streamOn(int fd) override { return streamRequest(fd, VIDIOC_STREAMON); }
+    int streamOff(int fd) override { return streamRequest(fd, VIDIOC_STREAMOFF); }
+    int subscribeEvent(int fd, v4l2_event_subscription &subscription) override
+    {
+        return retryingIoctl(fd, VIDIOC_SUBSCRIBE_EVENT, &subscription);
+    }
+    int dequeueEvent(int fd, v4l2_event &event) override { return retryingIoctl(fd, VIDIOC_DQEVENT, &event); }
     ssize_t write(int fd, const void *data, std::size_t size) override { return ::write(fd, data, size); }
     int close(int fd) override { return ::close(fd); }
-};
 
-int retryingIoctl(VideoDeviceIo &io, int fd, unsigned long request, void *argument)
-{
-    int result;
-    do {
-        result = io.ioctl(fd, request, argument);
-    } while (result < 0 && errno == EINTR);
-    return result;
-}
+private:
+    static int streamRequest(int fd, unsigned long request)
+    {
+        int type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
+        return retryingIoctl(fd, request, &type);
+    }
+};
 
 QString errorText(int error)
 {
@@ -95,10 +117,8 @@ struct LoopbackSink::Writer
     {
         if (fd < 0 || lost)
             return;
-        if (streamOn) {
-            int type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
-            retryingIoctl(*io, fd, VIDIOC_STREAMOFF, &type);
-        }
+        if (streamOn)
+            io->streamOff(fd);
         io->close(fd);
     }
 
@@ -293,7 +313,7 @@ Status LoopbackSink::start()
     };
 
     v4l2_capability capability{};
-    if (retryingIoctl(io, fd, VIDIOC_QUERYCAP, &capability) < 0)
+    if (io.queryCapabilities(fd, capability) < 0)
         return fail("VIDIOC_QUERYCAP");
     const std::uint32_t caps = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) ? capability.device_caps
                                                                                  : capability.capabilities;
@@ -307,7 +327,7 @@ Status LoopbackSink::start()
     v4l2_streamparm parameters{};
     parameters.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
     parameters.parm.output.timeperframe = {1, kFrameRate};
-    retryingIoctl(io, fd, VIDIOC_S_PARM, &parameters); // older releases ignore it; not fatal
+    io.setParameters(fd, parameters); // older releases ignore it; not fatal
 
     v4l2_format format{};
     format.type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
@@ -318,11 +338,10 @@ Status LoopbackSink::start()
     format.fmt.pix.bytesperline = kWidth * 2;
     format.fmt.pix.sizeimage = static_cast<std::uint32_t>(yuyvFrameBytes(kWidth, kHeight));
     format.fmt.pix.colorspace = V4L2_COLORSPACE_SRGB;
-    if (retryingIoctl(io, fd, VIDIOC_S_FMT, &format) < 0)
+    if (io.setFormat(fd, format) < 0)
         return fail("VIDIOC_S_FMT");
 
-    int type = V4L2_BUF_TYPE_VIDEO_OUTPUT;
-    writer.streamOn = retryingIoctl(io, fd, VIDIOC_STREAMON, &type) == 0;
+    writer.streamOn = io.streamOn(fd) == 0;
     writer.fd = fd;
     m_readerCountKnown = subscribeToReaderCount();
 
@@ -342,7 +361,7 @@ bool LoopbackSink::subscribeToReaderCount()
     v4l2_event_subscription subscription{};
     subscription.type = kClientUsageEvent;
     subscription.flags = V4L2_EVENT_SUB_FL_SEND_INITIAL;
-    return retryingIoctl(*m_shared->io, m_shared->fd, VIDIOC_SUBSCRIBE_EVENT, &subscription) == 0;
+    return m_shared->io->subscribeEvent(m_shared->fd, subscription) == 0;
 }
 
 int LoopbackSink::readerCount()
@@ -351,7 +370,7 @@ int LoopbackSink::readerCount()
         return -1;
     // The device is non-blocking: dequeue until no event is left; the last one counts.
     v4l2_event event{};
-    while (retryingIoctl(*m_shared->io, m_shared->fd, VIDIOC_DQEVENT, &event) == 0) {
+    while (m_shared->io->dequeueEvent(m_shared->fd, event) == 0) {
         if (event.type == kClientUsageEvent) {
             ClientUsageEvent usage{};
             std::memcpy(&usage, event.u.data, sizeof usage);

@@ -1,8 +1,9 @@
 #include "vcam/v4l2loopback/VideoDeviceList.h"
 
+#include "vcam/v4l2loopback/LoopbackNode.h"
+
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <algorithm>
 
 namespace vistrel::vcam {
@@ -15,22 +16,6 @@ QString readFirstLine(const QString &path)
     if (!file.open(QIODevice::ReadOnly))
         return {};
     return QString::fromUtf8(file.readLine()).trimmed();
-}
-
-// The driver is the last part of the device's "driver" link. Where v4l2loopback
-// registers its devices without a parent (they sit under devices/virtual and have no
-// driver link), its own sysfs attribute "max_openers" tells them apart.
-QString driverOf(const QString &classEntry)
-{
-    const QFileInfo driverLink(classEntry + QStringLiteral("/device/driver"));
-    if (driverLink.isSymLink())
-        return QFileInfo(driverLink.symLinkTarget()).fileName();
-    const QFileInfo deviceLink(classEntry + QStringLiteral("/device"));
-    if (deviceLink.isSymLink() && QFileInfo(deviceLink.symLinkTarget()).fileName().startsWith(QLatin1String("v4l2loopback")))
-        return QStringLiteral("v4l2loopback");
-    if (QFileInfo::exists(classEntry + QStringLiteral("/max_openers")))
-        return QStringLiteral("v4l2loopback");
-    return {};
 }
 
 } // namespace
@@ -48,7 +33,8 @@ std::vector<VideoDeviceEntry> listVideoDevices(const QString &sysRoot, const QSt
     devices.reserve(entries.size());
     for (const QString &entry : entries) {
         const QString path = classDir.filePath(entry);
-        devices.push_back({devRoot + QLatin1Char('/') + entry, readFirstLine(path + QStringLiteral("/name")), driverOf(path)});
+        devices.push_back({devRoot + QLatin1Char('/') + entry, readFirstLine(path + QStringLiteral("/name")),
+                           isLoopbackClassEntry(path.toStdString())});
     }
     return devices;
 }

@@ -10,9 +10,9 @@ struct VideoDeviceEntry
 {
     QString node;   // device node path, e.g. "/dev/video10"; also its unique identifier
     QString name;   // the device's name ("card label" for v4l2loopback)
-    QString driver; // kernel driver name, e.g. "v4l2loopback", "uvcvideo", "vivid"
+    bool loopback = false; // a v4l2loopback device (isLoopbackClassEntry)
 
-    bool isLoopback() const { return driver == QLatin1String("v4l2loopback"); }
+    bool isLoopback() const { return loopback; }
 };
 
 // The machine's video4linux devices in node-number order (video2 before video10),
