@@ -1,6 +1,7 @@
 #include "camera/CaptureSession.h"
 
 #include "camera/SampleImage.h"
+#include "camera/gst/ErrorText.h"
 #include "camera/gst/PictureConverter.h"
 #include "camera/gst/PipelineWorker.h"
 
@@ -178,22 +179,13 @@ struct CaptureSession::BusRelay
 
 namespace {
 
-QString takeErrorText(GstMessage *message)
-{
-    GError *error = nullptr;
-    gst_message_parse_error(message, &error, nullptr);
-    QString text = error ? QString::fromUtf8(error->message) : QStringLiteral("unknown error");
-    g_clear_error(&error);
-    return text;
-}
-
 GstBusSyncReply relayBusMessage(GstBus *, GstMessage *message, gpointer data)
 {
     if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR)
         return GST_BUS_DROP;
     const auto &relay = *static_cast<std::shared_ptr<CaptureSession::BusRelay> *>(data);
     std::weak_ptr<CaptureSession::BusRelay> weakRelay = relay;
-    const QString text = takeErrorText(message);
+    const QString text = errorText(message);
     std::lock_guard lock(relay->mutex);
     if (!relay->forwarding) {
         if (relay->firstError.isEmpty())

@@ -1,6 +1,7 @@
 #include "camera/MoviePlayer.h"
 
 #include "camera/SampleImage.h"
+#include "camera/gst/ErrorText.h"
 #include "camera/gst/PipelineWorker.h"
 
 #include <QFileInfo>
@@ -127,15 +128,6 @@ void onMainThread(const std::shared_ptr<MoviePlayer::BusRelay> &relay, std::func
         if (auto alive = weak.lock(); alive && alive->player)
             action(*alive->player);
     });
-}
-
-QString errorText(GstMessage *message)
-{
-    GError *error = nullptr;
-    gst_message_parse_error(message, &error, nullptr);
-    QString text = error ? QString::fromUtf8(error->message) : QStringLiteral("unknown error");
-    g_clear_error(&error);
-    return text;
 }
 
 void releaseRelayReference(gpointer data) { delete static_cast<std::shared_ptr<MoviePlayer::BusRelay> *>(data); }
