@@ -80,8 +80,9 @@ public:
     void playVideo(const QString &filePath);
     void stopVideoPlayback(QObject *sender);
     void reversePlaybackAtEnd();
-    // Tells the user why a movie was refused or stopped (a modal alert).
-    void showMovieAlert(const QString &fileName, const QString &text);
+    // Tells the user why a movie was refused or stopped: "“name” cannot be played: reason"
+    // in a modal alert.
+    void showMovieAlert(const QString &fileName, const QString &reason);
 
     // Virtual camera link.
     void startVirtualCameraLink();

@@ -34,11 +34,11 @@ QString notAMovieFile(const QString &path)
 
 } // namespace
 
-void ViewController::showMovieAlert(const QString &fileName, const QString &text)
+void ViewController::showMovieAlert(const QString &fileName, const QString &reason)
 {
     if (m_services.alerts)
         m_services.alerts->runModal({QStringLiteral("Movie Cannot Be Played"),
-                                     QStringLiteral("\u201c%1\u201d %2").arg(fileName, text), AlertStyle::Warning,
+                                     QStringLiteral("\u201c%1\u201d cannot be played: %2").arg(fileName, reason), AlertStyle::Warning,
                                      {QStringLiteral("OK")}});
 }
 
@@ -52,7 +52,7 @@ void ViewController::openVideoFile(QObject *)
             return;
         // Refused before anything changes: what plays now (camera or movie) goes on.
         if (const QString problem = notAMovieFile(*file); !problem.isEmpty()) {
-            self->showMovieAlert(QFileInfo(*file).fileName(), QStringLiteral("cannot be played: ") + problem);
+            self->showMovieAlert(QFileInfo(*file).fileName(), problem);
             return;
         }
         if (self->captureSession && !self->captureSession->isRunning())
@@ -118,8 +118,7 @@ void ViewController::updateVideoFrame()
                 stopVideoPlayback(&sender);
                 if (failed && stillPlaying)
                     showMovieAlert(QUrl(item->uri()).fileName(),
-                                   QStringLiteral("cannot be played: ") + item->failureReason() +
-                                       QStringLiteral("\nThe camera picture is shown again."));
+                                   item->failureReason() + QStringLiteral("\nThe camera picture is shown again."));
             },
             Qt::QueuedConnection);
     }
