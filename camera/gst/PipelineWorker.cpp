@@ -1,6 +1,7 @@
 #include "camera/gst/PipelineWorker.h"
 
-#include "core/SystemLog.h"
+#include "core/AbandonedThreads.h"
+#include "core/TraceLog.h"
 
 #include <QCoreApplication>
 #include <QMetaObject>
@@ -118,13 +119,13 @@ int PipelineWorker::shutdown(std::chrono::milliseconds limit)
     joinFinished();
     const int abandoned = static_cast<int>(m_threads.size());
     if (abandoned > 0) {
-        systemLog(QStringLiteral("Pipeline worker: %1 pipeline(s) did not stop within %2 ms; left running until "
-                                 "the process ends")
-                      .arg(abandoned)
-                      .arg(limit.count()));
-        // Deliberately: each holds its own share of what it uses, and nothing waits for it.
+        traceLog(QStringLiteral("Pipeline worker: %1 pipeline(s) did not stop within %2 ms; left running until "
+                                "the process ends")
+                     .arg(abandoned)
+                     .arg(limit.count()));
+        // Each holds its own share of what it uses, and nothing waits for it.
         for (Thread &thread : m_threads)
-            thread.thread.detach();
+            keepUntilExit(std::move(thread.thread));
         m_threads.clear();
     }
     return abandoned;

@@ -1,5 +1,6 @@
 #include "vcam/v4l2loopback/LoopbackSink.h"
 
+#include "core/AbandonedThreads.h"
 #include "core/SystemLog.h"
 #include "core/TraceLog.h"
 #include "vcam/PixelBuffer.h"
@@ -80,19 +81,6 @@ QString errorText(int error)
 bool isDeviceGone(int error)
 {
     return error == ENODEV || error == ENXIO || error == EIO || error == EBADF;
-}
-
-// Writer threads that did not stop in time, each most likely inside a write() that
-// may never return. Joining one would hang whoever stops the sink, and a std::thread
-// destroyed while still joinable ends the program (std::terminate), so they are kept
-// here for the rest of the process: the list is never destroyed, and the process's
-// exit ends the threads. Each owns, through its shared Writer, all it can still touch.
-void keepAbandonedWriter(std::thread writer)
-{
-    static auto *guard = new std::mutex;
-    static auto *writers = new std::vector<std::thread>;
-    std::lock_guard lock(*guard);
-    writers->push_back(std::move(writer));
 }
 
 } // namespace
@@ -287,7 +275,9 @@ bool LoopbackSink::stop()
     traceLog(QStringLiteral("Virtual camera writer did not stop within ") + QString::number(kStopTimeout.count()) +
              QStringLiteral(" s: given up") +
              (writer.inWrite ? QStringLiteral(", stuck in a write to ") + writer.devicePath : QString()));
-    keepAbandonedWriter(std::move(m_writer));
+    // Most likely inside a write() that may never return; it owns, through the shared
+    // Writer, all it can still touch.
+    keepUntilExit(std::move(m_writer));
     return false;
 }
 
