@@ -1,11 +1,12 @@
 #include "app/AppDelegate.h"
 #include "app/SingleInstance.h"
 
-#include "app/MainWindowController.h"
+#include "ui/MainWindowController.h"
 #include "core/Platform.h"
 #include "core/SystemLog.h"
 #include "core/TraceLog.h"
 #include "core/UserDefaults.h"
+#include "core/WindowPlacement.h"
 #include "camera/CameraAuthorization.h"
 #include "onboarding/OnboardingManager.h"
 #include "sysext/ExtensionProbes.h"
@@ -25,15 +26,6 @@ namespace {
 QString boolText(bool value)
 {
     return value ? QStringLiteral("true") : QStringLiteral("false");
-}
-
-QString coordinate(qreal value)
-{
-    // 500 prints as "500.0", 0.5 as "0.5".
-    QString text = QString::number(value, 'g', 15);
-    if (!text.contains(QLatin1Char('.')) && !text.contains(QLatin1Char('e')))
-        text += QStringLiteral(".0");
-    return text;
 }
 
 QPointer<QWidget> &fallbackWindowSlot()
@@ -67,34 +59,6 @@ private:
 };
 
 } // namespace
-
-QString describeOptional(const QObject *object)
-{
-    if (!object)
-        return QStringLiteral("nil");
-    return QStringLiteral("Optional(%1(0x%2))")
-        .arg(QString::fromLatin1(object->metaObject()->className()))
-        .arg(reinterpret_cast<quintptr>(object), 0, 16);
-}
-
-QString describeFrame(const QRectF &frame)
-{
-    return QStringLiteral("(%1, %2, %3, %4)")
-        .arg(coordinate(frame.x()), coordinate(frame.y()), coordinate(frame.width()), coordinate(frame.height()));
-}
-
-void centerWindowOnScreen(QWidget *window)
-{
-    QScreen *screen = QGuiApplication::primaryScreen();
-    if (!screen && !QGuiApplication::screens().isEmpty())
-        screen = QGuiApplication::screens().first();
-    if (!screen)
-        return;
-    const QRect vf = screen->availableGeometry();
-    // move() places the frame, so centre the frame (the bare size until decorated).
-    const QSize size = window->frameGeometry().size();
-    window->move(vf.x() + vf.width() / 2 - size.width() / 2, vf.y() + vf.height() / 2 - size.height() / 2);
-}
 
 QWidget *fallbackWindow()
 {

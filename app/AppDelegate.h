@@ -75,12 +75,6 @@ private:
 QWidget *showFallbackWindow(Application &application);
 QWidget *fallbackWindow();
 
-// Centres a window on the available geometry of the primary screen.
-void centerWindowOnScreen(QWidget *window);
 
-// "Optional(QMainWindow(0x55…))" or "nil".
-QString describeOptional(const QObject *object);
-// "(x, y, width, height)", each with a fractional part.
-QString describeFrame(const QRectF &frame);
 
 } // namespace vistrel

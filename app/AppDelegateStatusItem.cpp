@@ -1,10 +1,10 @@
 // The status item and window toggling.
 #include "app/AppDelegate.h"
 
-#include "app/MainWindowController.h"
+#include "ui/MainWindowController.h"
 #include "core/Platform.h"
 #include "core/SystemLog.h"
-#include "app/WindowPlacement.h"
+#include "core/WindowPlacement.h"
 #include "onboarding/OnboardingCoordinator.h"
 #include "onboarding/OnboardingManager.h"
 

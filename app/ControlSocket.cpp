@@ -2,7 +2,7 @@
 
 #include "core/LocalSocketPath.h"
 #include "core/SystemLog.h"
-#include "camera/ViewController.h"
+#include "ui/ViewController.h"
 
 #include <QComboBox>
 #include <QFileInfo>
@@ -112,9 +112,9 @@ QString ControlSocket::execute(const QString &text)
         return openMovie(*controller, argument);
     if (verb == u"cameras") {
         QStringList names;
-        if (controller->popUpButton)
-            for (int i = 0; i < controller->popUpButton->count(); ++i)
-                names << controller->popUpButton->itemText(i);
+        if (const auto *chooser = controller->findChild<QComboBox *>(QStringLiteral("popUpButton")))
+            for (int i = 0; i < chooser->count(); ++i)
+                names << chooser->itemText(i);
         return names.isEmpty() ? QStringLiteral("ok") : QStringLiteral("ok ") + names.join(QStringLiteral(" | "));
     }
     if (verb == u"select")
@@ -151,7 +151,7 @@ QString ControlSocket::selectCamera(ViewController &controller, const QString &a
 {
     bool number = false;
     const int index = argument.toInt(&number);
-    QComboBox *chooser = controller.popUpButton;
+    auto *chooser = controller.findChild<QComboBox *>(QStringLiteral("popUpButton"));
     if (!number || !chooser || index < 0 || index >= chooser->count())
         return QStringLiteral("error no camera at index ") + argument;
     chooser->setCurrentIndex(index);

@@ -4,8 +4,9 @@
 #include "app/AppDelegate.h"
 #include "app/ControlSocket.h"
 #include "app/LinuxPlatform.h"
-#include "app/MainWindowController.h"
+#include "ui/MainWindowController.h"
 #include "core/NotificationCenter.h"
+#include "core/Timers.h"
 #include "app/TerminationSignals.h"
 #include "core/TraceLog.h"
 #include "core/UserDefaults.h"
@@ -38,6 +39,7 @@ int main(int argc, char *argv[])
 
     using namespace vistrel;
     SteadyClock clock;
+    QtTimers timers;
     MessageBoxAlertPresenter alerts;
     QtFileDialogs fileDialogs;
     ProcessLauncher launcher;
@@ -61,6 +63,7 @@ int main(int argc, char *argv[])
     services.defaults = &UserDefaults::standard();
     services.notifications = &NotificationCenter::defaultCenter();
     services.clock = &clock;
+    services.timers = &timers;
     services.alerts = &alerts;
     services.fileDialogs = &fileDialogs;
     services.launcher = &launcher;

@@ -6,6 +6,7 @@
 // CPU time is per frame; items_per_second is frames per CPU second, i.e. the frame
 // rate one core sustains.
 #include "bench/FramePathHarness.h"
+#include "vcam/VirtualCameraLink.h"
 #include "bench/SyntheticCamera.h"
 #include "vcam/FrameSize.h"
 #include "vcam/PixelBuffer.h"
@@ -110,8 +111,8 @@ void benchTick(benchmark::State &state, int width, int height, bool mirror)
     if (picture.isNull())
         return state.SkipWithError("no camera picture");
     LinkedController link;
-    link.controller().currentImage = picture;
-    link.controller().mirrorCamera = mirror;
+    link.controller().link().setCurrentImage(picture);
+    link.controller().link().setMirrorCamera(mirror);
     for (auto _ : state) {
         if (!tickThenConsumeUntimed(state, link))
             return;
@@ -138,8 +139,7 @@ void benchFramePath(benchmark::State &state, FrameKind kind)
     const SamplePtr sample = cameraSample(kind);
     if (!sample)
         return state.SkipWithError("no camera frame");
-    LinkedController link;
-    link.convertFramesToYuyv();
+    LinkedController link(LinkedController::FrameWriting::Yuyv);
     if (!link.startCamera(gst_sample_get_caps(sample.get())))
         return state.SkipWithError("the capture session did not start");
     GstBuffer *frame = gst_sample_get_buffer(sample.get());

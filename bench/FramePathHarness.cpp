@@ -1,6 +1,8 @@
 #include "bench/FramePathHarness.h"
 
+#include "camera/CameraSource.h"
 #include "camera/CaptureSession.h"
+#include "vcam/VirtualCameraLink.h"
 #include "camera/SampleImage.h"
 #include "vcam/FrameSize.h"
 #include "vcam/PixelBuffer.h"
@@ -96,47 +98,43 @@ vcam::Status YuyvWritingQueue::enqueue(vcam::SampleBuffer sample)
 
 // --- LinkedController ------------------------------------------------------------
 
-LinkedController::LinkedController()
+LinkedController::LinkedController(FrameWriting writing)
 {
     m_extension.justAnswer = QStringLiteral("sc=1");
+    // The device writer's YUYV conversion, when asked for, is done by the sink queue.
+    if (writing == FrameWriting::Yuyv)
+        m_extension.wrapQueue = [](std::shared_ptr<vcam::SimpleQueue> queue) {
+            return std::make_shared<YuyvWritingQueue>(std::move(queue));
+        };
     m_services.virtualCamera = &m_extension;
     m_controller = std::make_unique<ViewController>(m_services);
-    m_controller->connectVirtualCamera();
-    m_controller->pollStreamState();
-}
-
-void LinkedController::convertFramesToYuyv()
-{
-    if (m_controller->sinkQueue)
-        m_controller->sinkQueue = std::make_shared<YuyvWritingQueue>(m_controller->sinkQueue);
+    m_controller->link().connectVirtualCamera();
+    m_controller->link().pollStreamState();
 }
 
 bool LinkedController::startCamera(GstCaps *cameraCaps)
 {
     m_camera = std::make_unique<SyntheticCamera>(QStringLiteral("Synthetic camera"),
                                                  SyntheticCamera::pushSourceDescription());
-    m_controller->configureCapture(m_camera->device());
+    m_controller->cameraSource().configureCapture(m_camera->device());
     if (!m_camera->lastSource())
         return false;
     g_object_set(m_camera->lastSource(), "caps", cameraCaps, nullptr);
-    return waitOnEventLoop([this] { return m_controller->captureSession->isRunning(); });
+    return waitOnEventLoop([this] { return m_controller->cameraSource().captureSession()->isRunning(); });
 }
 
 bool LinkedController::deliverCameraFrame(GstBuffer *frame)
 {
-    const qint64 previous = m_controller->currentImage ? m_controller->currentImage->cacheKey() : 0;
+    const auto &current = m_controller->link().currentImage();
+    const qint64 previous = current ? current->cacheKey() : 0;
     gst_app_src_push_buffer(GST_APP_SRC(m_camera->lastSource()), gst_buffer_ref(frame));
-    return waitOnEventLoop(
-        [this, previous] {
-            return m_controller->currentImage && m_controller->currentImage->cacheKey() != previous;
-        },
-        2000);
+    return waitOnEventLoop([&current, previous] { return current && current->cacheKey() != previous; }, 2000);
 }
 
 bool LinkedController::tick()
 {
     const int before = m_extension.queue ? m_extension.queue->framesEnqueued() : 0;
-    m_controller->fireTimer();
+    m_controller->link().fireTimer();
     return m_extension.queue && m_extension.queue->framesEnqueued() == before + 1;
 }
 

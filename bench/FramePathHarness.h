@@ -1,7 +1,7 @@
 #pragma once
 #include "SimulatedExtension.h"
 #include "bench/SyntheticCamera.h"
-#include "camera/ViewController.h"
+#include "ui/ViewController.h"
 #include "vcam/SimpleQueue.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
 
@@ -66,10 +66,10 @@ private:
 class LinkedController
 {
 public:
-    LinkedController();
+    // Whether the sink queue also converts each frame to YUYV, as the device writer does.
+    enum class FrameWriting { Bgra, Yuyv };
+    explicit LinkedController(FrameWriting writing = FrameWriting::Bgra);
 
-    // Makes the controller's sink queue also convert each frame to YUYV.
-    void convertFramesToYuyv();
     // Starts the controller's real capture on a push-driven synthetic camera.
     bool startCamera(GstCaps *cameraCaps);
     // Pushes one camera frame and runs the event loop until it is the current picture.

@@ -9,10 +9,10 @@
 #include "SimulatedExtension.h"
 #include "TestHome.h"
 #include "TestServices.h"
-#include "app/MainWindowController.h"
+#include "ui/MainWindowController.h"
 #include "bench/FramePathHarness.h"
 #include "bench/SyntheticCamera.h"
-#include "camera/ViewController.h"
+#include "ui/ViewController.h"
 
 #include <QApplication>
 #include <QDir>
@@ -141,6 +141,10 @@ int run(const Options &options)
     OneCamera discovery(std::move(camera));
     test::SimulatedExtension extension;
     extension.justAnswer = options.gateOpen ? QStringLiteral("sc=1") : QStringLiteral("sc=0");
+    // The device writer's YUYV conversion is the app's work too.
+    extension.wrapQueue = [](std::shared_ptr<vcam::SimpleQueue> queue) {
+        return std::make_shared<YuyvWritingQueue>(std::move(queue));
+    };
     test::TestServices env;
     env.services.cameraDiscovery = &discovery;
     env.services.virtualCamera = &extension;
@@ -152,9 +156,6 @@ int run(const Options &options)
     std::unique_ptr<QWidget> window(windowController->window());
     ViewController *controller = windowController->contentViewController();
     controller->startVirtualCameraLink();
-    // The device writer's YUYV conversion is the app's work too.
-    if (controller->sinkQueue)
-        controller->sinkQueue = std::make_shared<YuyvWritingQueue>(controller->sinkQueue);
     if (extension.queue) {
         // The reader is the consumer's work, not the app's: started from a thread named
         // for it, it inherits that name and is counted apart.

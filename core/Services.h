@@ -7,6 +7,7 @@ class Application;
 class Clock;
 class FileDialogs;
 class Launcher;
+class Timers;
 class NotificationCenter;
 class UrlOpener;
 class UserDefaults;
@@ -31,6 +32,7 @@ struct Services
     UserDefaults *defaults = nullptr;
     NotificationCenter *notifications = nullptr;
     Clock *clock = nullptr;
+    Timers *timers = nullptr;
     AlertPresenter *alerts = nullptr;
     FileDialogs *fileDialogs = nullptr;
     Launcher *launcher = nullptr;

@@ -3,6 +3,8 @@
 #include "core/SystemLog.h"
 
 #include <QDir>
+#include <QMetaObject>
+#include <QObject>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -62,6 +64,34 @@ void traceLog(const QString &message)
         }
     }
     systemLog(message);
+}
+
+namespace {
+
+QString coordinate(qreal value)
+{
+    // 500 prints as "500.0", 0.5 as "0.5".
+    QString text = QString::number(value, 'g', 15);
+    if (!text.contains(QLatin1Char('.')) && !text.contains(QLatin1Char('e')))
+        text += QStringLiteral(".0");
+    return text;
+}
+
+} // namespace
+
+QString describeOptional(const QObject *object)
+{
+    if (!object)
+        return QStringLiteral("nil");
+    return QStringLiteral("Optional(%1(0x%2))")
+        .arg(QString::fromLatin1(object->metaObject()->className()))
+        .arg(reinterpret_cast<quintptr>(object), 0, 16);
+}
+
+QString describeFrame(const QRectF &frame)
+{
+    return QStringLiteral("(%1, %2, %3, %4)")
+        .arg(coordinate(frame.x()), coordinate(frame.y()), coordinate(frame.width()), coordinate(frame.height()));
 }
 
 } // namespace vistrel

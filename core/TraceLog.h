@@ -1,6 +1,9 @@
 #pragma once
 #include <QDateTime>
+#include <QRectF>
 #include <QString>
+
+class QObject;
 
 namespace vistrel {
 
@@ -14,5 +17,10 @@ QString traceLogPath();
 
 // "2026-11-16 00:06:02 +0000": whole seconds, always UTC.
 QString traceTimestamp(const QDateTime &when);
+
+// "Optional(QMainWindow(0x55…))" or "nil".
+QString describeOptional(const QObject *object);
+// "(x, y, width, height)", each with a fractional part.
+QString describeFrame(const QRectF &frame);
 
 } // namespace vistrel

@@ -1,6 +1,6 @@
 #include "onboarding/OnboardingCoordinator.h"
 
-#include "app/AppDelegate.h"
+#include "core/WindowPlacement.h"
 #include "core/Platform.h"
 #include "core/TraceLog.h"
 #include "onboarding/OnboardingView.h"

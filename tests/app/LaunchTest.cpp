@@ -1,5 +1,5 @@
 #include "app/AppDelegate.h"
-#include "app/MainWindowController.h"
+#include "ui/MainWindowController.h"
 #include "core/TraceLog.h"
 
 #include "TestHome.h"

@@ -1,6 +1,6 @@
 #include "app/AppDelegate.h"
-#include "app/MainWindowController.h"
-#include "app/WindowPlacement.h"
+#include "ui/MainWindowController.h"
+#include "core/WindowPlacement.h"
 
 #include "TestServices.h"
 

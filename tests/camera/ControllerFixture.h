@@ -4,9 +4,11 @@
 #include "ScriptedFileDialogs.h"
 #include "TestCameraProvider.h"
 #include "TestServices.h"
-#include "app/MainWindowController.h"
+#include "ui/MainWindowController.h"
 #include "camera/DeviceMonitorDiscovery.h"
-#include "camera/ViewController.h"
+#include "camera/CameraSource.h"
+#include "ui/ViewController.h"
+#include "vcam/VirtualCameraLink.h"
 
 #include <QComboBox>
 #include <QPushButton>
@@ -39,30 +41,38 @@ protected:
 
     void startCamera()
     {
-        vc->setupDefaultCapture();
+        vc->cameraSource().setupDefaultCapture();
         vc->setupCameraControls();
     }
+
+    // The window's controls, found as the interface file names them.
+    QComboBox *chooser() const { return vc->findChild<QComboBox *>(QStringLiteral("popUpButton")); }
+    QPushButton *button(const char *name) const { return vc->findChild<QPushButton *>(QLatin1String(name)); }
 
     // Index in the chooser of the n-th device called `name`.
     int indexOf(const QString &name, int occurrence = 0) const
     {
-        for (std::size_t i = 0; i < vc->videoDevices.size(); ++i)
-            if (vc->videoDevices[i].localizedName == name && occurrence-- == 0)
+        const auto &devices = vc->cameraSource().videoDevices();
+        for (std::size_t i = 0; i < devices.size(); ++i)
+            if (devices[i].localizedName == name && occurrence-- == 0)
                 return static_cast<int>(i);
         return -1;
     }
 
     void choose(int index)
     {
-        vc->popUpButton->setCurrentIndex(index);
-        Q_EMIT vc->popUpButton->activated(index);
+        chooser()->setCurrentIndex(index);
+        Q_EMIT chooser()->activated(index);
     }
+
+    // The picture the virtual camera is sent next.
+    const std::optional<QImage> &currentImage() const { return vc->link().currentImage(); }
 
     QString pictureColour() const
     {
-        if (!vc->currentImage || vc->currentImage->isNull())
+        if (!currentImage() || currentImage()->isNull())
             return {};
-        const QImage &picture = *vc->currentImage;
+        const QImage &picture = *currentImage();
         return ColourMovies::nearestColourName(picture.pixel(picture.width() / 2, picture.height() / 2));
     }
 

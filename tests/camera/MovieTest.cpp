@@ -1,6 +1,7 @@
 // The movie source with real files made at run time: forwards then backwards at each
 // end, failed and stalled files back to the camera, stop, a second file, bad choices.
 #include "ControllerFixture.h"
+#include "camera/VideoFileSource.h"
 #include "TestHome.h"
 
 #include "camera/MoviePlayer.h"
@@ -69,20 +70,20 @@ protected:
     void chooseMovie(const QString &path)
     {
         dialogs.answer = path;
-        const auto previous = vc->playerItem;
+        const auto previous = vc->videoFileSource().playerItem();
         const auto alerts = env.alerts.shown.size();
         window->findChild<QPushButton *>(QStringLiteral("openVideoButton"))->click();
         (void)QTest::qWaitFor(
-            [&] { return (vc->playerItem && vc->playerItem != previous) || env.alerts.shown.size() > alerts; }, 3000);
+            [&] { return (vc->videoFileSource().playerItem() && vc->videoFileSource().playerItem() != previous) || env.alerts.shown.size() > alerts; }, 3000);
     }
 
     // chooseMovie for a file that must be taken.
     void open(const QString &path)
     {
         ASSERT_FALSE(path.isEmpty()) << "ffmpeg could not make the movie";
-        const auto previous = vc->playerItem;
+        const auto previous = vc->videoFileSource().playerItem();
         chooseMovie(path);
-        ASSERT_TRUE(vc->playerItem && vc->playerItem != previous);
+        ASSERT_TRUE(vc->videoFileSource().playerItem() && vc->videoFileSource().playerItem() != previous);
     }
 
     // The movie colours seen, one per run of equal pictures, until `count` runs or the time is up.
@@ -109,7 +110,7 @@ TEST_F(MovieSourceTest, PlaysForwardsThenBackwardsAndStops)
 {
     open(movie(QStringLiteral("h264.mkv")));
     EXPECT_EQ(watchMovieColours(6, 6000), (QStringList{"yellow", "magenta", "cyan", "magenta", "yellow", "magenta"}));
-    vc->stopVideoBtn->click();
+    button("stopVideoBtn")->click();
     EXPECT_TRUE(waitForColour(QStringLiteral("red")));
 }
 
@@ -121,9 +122,9 @@ TEST_F(MovieSourceTest, AnEndThatCannotTurnReturnsToTheCamera)
                                 movie(QStringLiteral("h264.ts"))}) {
         SCOPED_TRACE(path.toStdString());
         open(path);
-        vc->player->setStallTimeout(300);
+        vc->videoFileSource().player()->setStallTimeout(300);
         EXPECT_EQ(watchMovieColours(3, 3000), (QStringList{"yellow", "magenta", "cyan"}));
-        EXPECT_TRUE(QTest::qWaitFor([&] { return !vc->isPlayingVideo.load(); }, 2000));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !vc->videoFileSource().isPlayingVideo(); }, 2000));
         EXPECT_TRUE(waitForColour(QStringLiteral("red"), 1000));
     }
 }
@@ -191,20 +192,20 @@ TEST_F(MovieSourceTest, BadChoicesSayWhyAndKeepTheCamera)
         sinceTick.start();
         chooseMovie(choice.path);
         if (choice.outcome == Refused) {
-            EXPECT_EQ(vc->playerItem, nullptr);
+            EXPECT_EQ(vc->videoFileSource().playerItem(), nullptr);
         } else if (choice.outcome == Plays) {
             EXPECT_TRUE(QTest::qWaitFor([&] { return ColourMovies::kColourOrder.contains(pictureColour()); }, 10000));
-            vc->stopVideoBtn->click();
+            button("stopVideoBtn")->click();
         } else {
-            const std::shared_ptr<camera::PlayerItem> item = vc->playerItem;
+            const std::shared_ptr<camera::PlayerItem> item = vc->videoFileSource().playerItem();
             ASSERT_NE(item, nullptr);
-            vc->player->setOpenTimeout(1000); // GStreamer now and then loses a cut MP4's error
+            vc->videoFileSource().player()->setOpenTimeout(1000); // GStreamer now and then loses a cut MP4's error
             EXPECT_TRUE(QTest::qWaitFor([&] { return item->status() == camera::PlayerItemStatus::Failed; }, 10000));
             // The next tick (1/24 s) stops; 500 ms allow a loaded machine and still fail a
             // source that keeps ticking on a dead movie.
-            EXPECT_TRUE(QTest::qWaitFor([&] { return !vc->isPlayingVideo.load(); }, 500));
+            EXPECT_TRUE(QTest::qWaitFor([&] { return !vc->videoFileSource().isPlayingVideo(); }, 500));
         }
-        EXPECT_FALSE(vc->isPlayingVideo.load());
+        EXPECT_FALSE(vc->videoFileSource().isPlayingVideo());
         EXPECT_TRUE(waitForColour(QStringLiteral("red"), 1000));
         // A hang check, not a budget: opening the pipe on the main thread would stop the
         // loop until the writer above lets it go.
@@ -225,11 +226,16 @@ TEST_F(MovieSourceTest, BadChoicesSayWhyAndKeepTheCamera)
 // However many files are opened, one 24 Hz tick pulls their pictures.
 TEST_F(MovieSourceTest, ThirtyMoviesShareOneFrameTick)
 {
+    test::ManualClock clock;
+    env.services.timers = &clock;
+    ViewController controller(env.services);
+    QTemporaryDir dir;
+    const QString file = ColourMovies::make(dir.path(), QStringLiteral("h264.mkv"), kH264);
+    ASSERT_FALSE(file.isEmpty());
     for (int i = 0; i < 30; ++i)
-        open(movie(QStringLiteral("h264.mkv")));
-    const auto timers = vc->findChildren<QTimer *>();
-    const auto isMovieTick = [](QTimer *timer) { return timer->interval() == 42 && timer->timerType() == Qt::PreciseTimer; };
-    EXPECT_EQ(std::count_if(timers.begin(), timers.end(), isMovieTick), 1);
+        controller.playVideo(file);
+    EXPECT_EQ(clock.runningTimers(std::chrono::milliseconds(42)), 1);
+    controller.stopVideoPlayback(nullptr);
 }
 
 // A file that is slow to open (a pipe whose writer comes late, as a stalled network
@@ -270,22 +276,22 @@ TEST_F(MovieSourceTest, OpenReplaceStopAndFreeze)
     window->findChild<QPushButton *>(QStringLiteral("openVideoButton"))->click();
     QTest::qWait(50);
     EXPECT_EQ(dialogs.shown, 1);
-    EXPECT_FALSE(vc->stopVideoBtn->isEnabled());
+    EXPECT_FALSE(button("stopVideoBtn")->isEnabled());
 
     open(movie(QStringLiteral("h264.mp4")));
-    EXPECT_TRUE(vc->stopVideoBtn->isEnabled());
+    EXPECT_TRUE(button("stopVideoBtn")->isEnabled());
     ASSERT_EQ(watchMovieColours(3, 3000), (QStringList{"yellow", "magenta", "cyan"}));
     // The first file would turn back to magenta; the second starts with yellow.
     open(movie(QStringLiteral("h264.mkv")));
     EXPECT_EQ(watchMovieColours(3, 3000), (QStringList{"cyan", "yellow", "magenta"}));
 
-    vc->freezeButton->click();
+    button("freezeButton")->click();
     EXPECT_EQ(watchMovieColours(2, 3000).size(), 2); // the movie still moves
-    vc->stopVideoBtn->click();
+    button("stopVideoBtn")->click();
     QTest::qWait(300);
-    EXPECT_EQ(vc->freezeButton->text(), QStringLiteral("Unfreeze"));
+    EXPECT_EQ(button("freezeButton")->text(), QStringLiteral("Unfreeze"));
     EXPECT_NE(pictureColour(), QStringLiteral("red"));
-    EXPECT_TRUE(vc->stopVideoBtn->isEnabled());
+    EXPECT_TRUE(button("stopVideoBtn")->isEnabled());
 }
 
 } // namespace

@@ -229,7 +229,7 @@ Status SimulatedExtension::copyBufferQueue(ObjectID stream, std::function<void()
     if (failCopyBufferQueue || !isStream(stream))
         return -1;
     queue = std::make_shared<SimulatedQueue>(queueCapacity, std::move(queueAltered));
-    *queueOut = queue;
+    *queueOut = wrapQueue ? wrapQueue(queue) : queue;
     return 0;
 }
 

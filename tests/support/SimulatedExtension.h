@@ -30,6 +30,8 @@ public:
 
     // Takes the oldest frame if any; answers whether there was one.
     bool takeFrame();
+    // Calls the queue-altered callback without taking a frame, as a consumer may.
+    void alter() { m_queueAltered(); }
     void startReader(std::chrono::milliseconds interval);
     void stopReader();
 
@@ -83,6 +85,8 @@ public:
     std::vector<QString> justWrites;
     std::vector<std::uint32_t> justWriteSizes;
     std::shared_ptr<SimulatedQueue> queue;
+    // When set, the app is handed this wrapping of the queue instead.
+    std::function<std::shared_ptr<vcam::SimpleQueue>(std::shared_ptr<vcam::SimpleQueue>)> wrapQueue;
 
     vcam::ObjectID deviceObject(int index) const;
     std::vector<vcam::ObjectID> streamObjects(int index) const;

@@ -8,6 +8,7 @@
 #include "ScriptedAlertPresenter.h"
 #include "core/NotificationCenter.h"
 #include "core/Services.h"
+#include "core/Timers.h"
 #include "core/UserDefaults.h"
 
 #include <QDir>
@@ -22,6 +23,7 @@ namespace vistrel::test {
 struct TestServices
 {
     ManualClock clock;
+    QtTimers qtTimers;
     ScriptedAlertPresenter alerts;
     RecordingLauncher launcher;
     RecordingUrlOpener urlOpener;
@@ -44,6 +46,8 @@ struct TestServices
         services.defaults = defaults.get();
         services.notifications = &notifications;
         services.clock = &clock;
+        // Real timers unless a test drives time itself (services.timers = &clock).
+        services.timers = &qtTimers;
         services.alerts = &alerts;
         services.launcher = &launcher;
         services.urlOpener = &urlOpener;

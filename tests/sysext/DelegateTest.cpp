@@ -2,7 +2,8 @@
 // and the application delegate's trace lines, alerts, flag, notification, relaunch and quit.
 #include "app/AppDelegate.h"
 #include "core/TraceLog.h"
-#include "camera/ViewController.h"
+#include "ui/ExtensionRequests.h"
+#include "ui/ViewController.h"
 #include "sysext/CameraExtensionHelper.h"
 #include "sysext/ExtensionManager.h"
 
@@ -45,19 +46,20 @@ protected:
 TEST_F(DelegateTest, TheControllerRequestsReportsEachAnswerInItsOwnWordsAndWarnsWhenNotActivated)
 {
     ViewController controller(env.services);
+    ExtensionRequests &requests = controller.extensionRequests();
     controller.activate();
     controller.deactivate();
     ASSERT_EQ(manager.requests.size(), 2u);
     EXPECT_EQ(manager.requests[0].kind, sysext::RequestKind::Activation);
     EXPECT_EQ(manager.requests[0].identifier, "app.vistrel.Vistrel.cameraextension");
     EXPECT_EQ(manager.requests[1].kind, sysext::RequestKind::Deactivation);
-    EXPECT_FALSE(controller.activating);
+    EXPECT_FALSE(requests.activating());
 
     // The controller's messages for one answer, joined with " / ".
-    const auto says = [&](bool activating, const std::function<void(ViewController &)> &answer) {
+    const auto says = [&](bool activating, const std::function<void(ExtensionRequests &)> &answer) {
+        requests.requestExtensionChange(activating ? sysext::RequestKind::Activation : sysext::RequestKind::Deactivation);
         test::ConsoleCapture console;
-        controller.activating = activating;
-        answer(controller);
+        answer(requests);
         QStringList messages = console.lines().filter(QStringLiteral("showMessage "));
         return messages.replaceInStrings(QStringLiteral("showMessage "), QString()).join(" / ");
     };
@@ -83,7 +85,7 @@ TEST_F(DelegateTest, TheControllerRequestsReportsEachAnswerInItsOwnWordsAndWarns
     for (const auto &[installed, activated] : {std::pair{false, false}, {true, true}, {true, false}, {true, false}}) {
         env.extensionProbes.installed = installed;
         env.extensionProbes.activated = activated;
-        controller.warnIfExtensionNotActivated();
+        requests.warnIfExtensionNotActivated();
     }
     ASSERT_EQ(env.alerts.shown.size(), 2);
     EXPECT_EQ(shown(env.alerts.shown[0]), "Camera Extension Not Activated | The Vistrel camera extension is installed but not "

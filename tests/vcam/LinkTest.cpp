@@ -5,8 +5,9 @@
 #include "FakeLoopbackDevice.h"
 #include "FakeLoopbackMachine.h"
 #include "SimulatedExtension.h"
-#include "app/Spinner.h"
-#include "vcam/LoopbackPreview.h"
+#include "ui/Spinner.h"
+#include "ui/LoopbackPreview.h"
+#include "vcam/VirtualCameraLink.h"
 #include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/LoopbackSystem.h"
 
@@ -49,12 +50,24 @@ protected:
         return picture;
     }
 
+    vcam::VirtualCameraLink &link() { return vc->link(); }
+    Spinner *spinner() { return vc->findChild<Spinner *>(); }
+    LoopbackPreview *preview() { return vc->findChild<LoopbackPreview *>(); }
+
+    // Someone reads the camera, or nobody: the source stream's answer, as the poll reads it.
+    void setReader(bool reading)
+    {
+        sim.justAnswer = reading ? QStringLiteral("sc=1") : QStringLiteral("sc=0");
+        link().pollStreamState();
+        ASSERT_EQ(link().needToStream(), reading);
+    }
+
     void connectStreaming(const QImage &picture)
     {
-        vc->connectVirtualCamera();
+        link().connectVirtualCamera();
         ASSERT_TRUE(sim.queue);
-        vc->needToStream = true;
-        vc->currentImage = picture;
+        setReader(true);
+        link().setCurrentImage(picture);
     }
 
     test::SimulatedExtension sim;
@@ -90,14 +103,15 @@ TEST_F(LinkTest, ConnectingFindsTheStreams)
         env.services.virtualCamera = &other;
         ViewController controller(env.services);
         ConsoleCapture console;
-        controller.connectVirtualCamera();
+        controller.link().connectVirtualCamera();
         EXPECT_EQ(console.lines(), c.lines);
         const auto streams = other.streamObjects(0);
-        EXPECT_EQ(controller.sinkStream, c.lines.size() == 4 ? std::optional(streams[1]) : std::nullopt);
-        EXPECT_EQ(controller.sourceStream, c.lines.size() > 1 ? std::optional(streams[0]) : std::nullopt);
-        controller.needToStream = true;
-        controller.currentImage = solid(Qt::red);
-        controller.fireTimer(); // with nothing to send to, nothing breaks
+        EXPECT_EQ(controller.link().sinkStream(), c.lines.size() == 4 ? std::optional(streams[1]) : std::nullopt);
+        EXPECT_EQ(controller.link().sourceStream(), c.lines.size() > 1 ? std::optional(streams[0]) : std::nullopt);
+        other.justAnswer = QStringLiteral("sc=1");
+        controller.link().pollStreamState();
+        controller.link().setCurrentImage(solid(Qt::red));
+        controller.link().fireTimer(); // with nothing to send to, nothing breaks
         EXPECT_EQ(other.queue && other.queue->framesEnqueued() == 1, c.sends);
     }
 }
@@ -106,7 +120,7 @@ TEST_F(LinkTest, PicturesAreStretchedToTheFullFrameAndMirroredOnRequest)
 {
     // Every size takes the same scaler; a tiny one with an odd height shows rounding.
     connectStreaming(halves(8, 3));
-    vc->fireTimer();
+    link().fireTimer();
     ASSERT_TRUE(sim.queue->takeFrame());
     const QImage frame = sim.queue->lastFrame();
     ASSERT_EQ(frame.size(), QSize(1280, 720));
@@ -115,9 +129,9 @@ TEST_F(LinkTest, PicturesAreStretchedToTheFullFrameAndMirroredOnRequest)
     EXPECT_EQ(frame.pixel(1279, 719), qRgb(0, 0, 255));
     EXPECT_EQ(frame.pixel(630, 360), qRgb(255, 0, 0));
     EXPECT_EQ(frame.pixel(650, 360), qRgb(0, 0, 255));
-    vc->mirrorCamera = true;
-    vc->currentImage = halves(640, 480);
-    vc->fireTimer();
+    link().setMirrorCamera(true);
+    link().setCurrentImage(halves(640, 480));
+    link().fireTimer();
     ASSERT_TRUE(sim.queue->takeFrame());
     EXPECT_EQ(sim.queue->lastFrame().pixel(1279, 360), qRgb(255, 0, 0));
     EXPECT_EQ(sim.queue->lastFrame().pixel(0, 360), qRgb(0, 0, 255));
@@ -130,59 +144,89 @@ TEST_F(LinkTest, PicturesAreStretchedToTheFullFrameAndMirroredOnRequest)
 TEST_F(LinkTest, TheGateAndDroppedFrames)
 {
     sim.queueCapacity = 1;
-    connectStreaming(solid(Qt::red, 32, 32));
-    vc->needToStream = false;
-    vc->fireTimer();
-    vc->needToStream = true;
-    vc->currentImage.reset();
-    vc->fireTimer();
+    link().connectVirtualCamera();
+    setReader(true);
+    link().fireTimer(); // no picture yet
+    link().setCurrentImage(solid(Qt::red, 32, 32));
+    setReader(false);
+    link().fireTimer();
     EXPECT_EQ(sim.queue->framesEnqueued(), 0);
-    vc->currentImage = solid(Qt::red, 32, 32);
-    vc->fireTimer();
-    vc->fireTimer(); // the consumer has not taken the first one yet
+    setReader(true);
+    link().fireTimer();
+    link().fireTimer(); // the consumer has not taken the first one yet
     EXPECT_EQ(sim.queue->framesEnqueued(), 1);
 
     // Queue full: reported before any pixel buffer is taken from the pool.
     const auto linesOfATick = [&] {
         ConsoleCapture console;
-        vc->fireTimer();
+        link().fireTimer();
         return console.lines();
     };
-    vc->readyToEnqueue = true;
+    sim.queue->alter(); // the consumer reports a change but takes nothing
     EXPECT_EQ(linesOfATick(), QStringList{QStringLiteral("error enqueuing")});
 
     ASSERT_TRUE(sim.queue->takeFrame()); // the consumer takes it; every buffer is then held
     std::vector<std::shared_ptr<vcam::PixelBuffer>> held;
-    while (auto buffer = vc->_bufferPool->createPixelBuffer())
+    while (auto buffer = link().bufferPool()->createPixelBuffer())
         held.push_back(buffer);
     EXPECT_EQ(linesOfATick(), QStringList{QStringLiteral("error getting pixel buffer")});
     EXPECT_EQ(sim.queue->framesEnqueued(), 1);
 
     held.clear(); // buffers go back to the pool and frames flow again
-    vc->readyToEnqueue = true;
-    vc->fireTimer();
+    sim.queue->alter();
+    link().fireTimer();
     EXPECT_EQ(sim.queue->framesEnqueued(), 2);
 }
 
 TEST_F(LinkTest, ThePollWritesRandomAndOnlyExactlyScOneOpensTheGate)
 {
-    vc->pollStreamState(); // no source stream yet: nothing asked
+    link().pollStreamState(); // no source stream yet: nothing asked
     EXPECT_TRUE(sim.justWrites.empty());
-    vc->connectVirtualCamera();
+    link().connectVirtualCamera();
 
     // Only an exact "sc=1" opens it; a longer text is no match.
     const std::pair<QString, bool> answers[] = {{"sc=1", true}, {"sc=0", false}, {"sc=1", true}, {"sc=11", false}};
     for (const auto &[answer, wanted] : answers) {
         sim.justAnswer = answer;
-        vc->pollStreamState();
-        EXPECT_EQ(vc->needToStream, wanted) << answer.toStdString();
+        link().pollStreamState();
+        EXPECT_EQ(link().needToStream(), wanted) << answer.toStdString();
     }
     EXPECT_EQ(sim.justWrites, std::vector<QString>(std::size(answers), QStringLiteral("random")));
 
-    vc->needToStream = true;
+    setReader(true);
     sim.justAnswer.reset(); // the property is gone: the gate stays as it was
-    vc->pollStreamState();
-    EXPECT_TRUE(vc->needToStream);
+    link().pollStreamState();
+    EXPECT_TRUE(link().needToStream());
+}
+
+// The frame tick every 1/30 s and the poll every 2 s, with time moved by hand: a reader
+// is seen at the first poll, then each tick sends a frame the consumer takes. Starting
+// the timers again starts their intervals again; it does not add timers.
+TEST_F(LinkTest, TheTickAndThePollKeepTheirIntervals)
+{
+    vcam::VirtualCameraLink timed(&sim, env.clock);
+    timed.connectVirtualCamera();
+    timed.setCurrentImage(solid(Qt::red, 32, 32));
+    sim.justAnswer = QStringLiteral("sc=1");
+    timed.startTimers();
+    env.clock.advance(1.5);
+    timed.startTimers();
+    EXPECT_EQ(env.clock.runningTimers(std::chrono::milliseconds(33)), 1);
+    EXPECT_EQ(env.clock.runningTimers(std::chrono::milliseconds(2000)), 1);
+
+    env.clock.advance(1.875); // the first poll is 2 s after the second start
+    EXPECT_TRUE(sim.justWrites.empty());
+    EXPECT_EQ(sim.queue->framesEnqueued(), 0);
+    env.clock.advance(0.125);
+    EXPECT_EQ(sim.justWrites.size(), 1u);
+    for (int tick = 0; tick < 60; ++tick) { // one tick in each step, the consumer keeping up
+        env.clock.advance(0.033);
+        sim.queue->takeFrame();
+    }
+    EXPECT_EQ(sim.queue->framesEnqueued(), 60);
+    EXPECT_EQ(sim.justWrites.size(), 1u) << "the next poll is 2 s after the first";
+    env.clock.advance(0.05);
+    EXPECT_EQ(sim.justWrites.size(), 2u);
 }
 
 // The whole start-up with a real test camera and a reader: the preview shows the frames
@@ -191,35 +235,32 @@ TEST_F(LinkTest, StartUpStreamsTheCameraIntoThePreview)
 {
     ConsoleCapture console; // keeps the link's messages out of the test output
     vc->startVirtualCameraLink();
-    auto *preview = qobject_cast<vcam::LoopbackPreview *>(vc->virtualCameraView);
-    ASSERT_TRUE(preview && vc->debugCaption && vc->previewSpinner);
-    EXPECT_FALSE(vc->debugCaption->isVisible());
-    EXPECT_TRUE(vc->previewSpinner->isAnimating());
+    auto *caption = vc->findChild<QLabel *>(QStringLiteral("debugCaption"));
+    ASSERT_TRUE(preview() && caption && spinner());
+    EXPECT_FALSE(caption->isVisible());
+    EXPECT_TRUE(spinner()->isAnimating());
 
     sim.queue->startReader(std::chrono::milliseconds(1));
-    vc->pollStreamState(); // the 2 s poll, now rather than later
+    link().pollStreamState(); // the 2 s poll, now rather than later
     ASSERT_TRUE(QTest::qWaitFor([&] { return sim.queue->framesTaken() >= 10; }, 8000));
-    EXPECT_TRUE(preview->hasFrame());
-    EXPECT_TRUE(vc->previewSpinner->isHidden());
-
-    QPointer<QTimer> firstTimer = vc->timer;
-    vc->startVirtualCameraLink();
-    EXPECT_TRUE(firstTimer.isNull());
+    EXPECT_TRUE(preview()->hasFrame());
+    EXPECT_TRUE(spinner()->isHidden());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return caption->text().contains(QStringLiteral("initSink started")); }, 1000));
 }
 
 TEST_F(LinkTest, ThePlaceholderCentresItsSpinnerAndStaysWhenThereIsNoPreview)
 {
     window->resize(800, 600);
     window->show();
-    QFrame *box = vc->boxPreview;
-    ASSERT_TRUE(vc->previewSpinner);
+    auto *box = vc->findChild<QFrame *>(QStringLiteral("boxPreview"));
+    ASSERT_TRUE(box && spinner());
     QLabel *label = nullptr;
     for (QLabel *candidate : box->findChildren<QLabel *>())
         if (candidate->text() == QStringLiteral("Connecting to camera…"))
             label = candidate;
     ASSERT_TRUE(label);
     EXPECT_TRUE(label->isVisible());
-    EXPECT_NEAR(vc->previewSpinner->geometry().center().x(), box->rect().center().x(), 1);
+    EXPECT_NEAR(spinner()->geometry().center().x(), box->rect().center().x(), 1);
 
     // A camera whose input cannot be opened, or no camera at all: no preview, a French
     // line, and the placeholder stays.
@@ -231,7 +272,7 @@ TEST_F(LinkTest, ThePlaceholderCentresItsSpinnerAndStaysWhenThereIsNoPreview)
     EXPECT_EQ(console.lines(), (QStringList{QStringLiteral("Erreur lors de la configuration de la caméra virtuelle : "
                                                            "The device node /dev/video10 does not exist."),
                                             QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée.")}));
-    EXPECT_EQ(vc->virtualCameraView, nullptr);
+    EXPECT_EQ(preview(), nullptr);
     EXPECT_TRUE(label->isVisible());
 }
 
@@ -257,27 +298,30 @@ protected:
 TEST_F(LoopbackLinkTest, AVanishedCameraIsShownGoneAndFedAgainWhenItComesBack)
 {
     ConsoleCapture console;
+    vcam::VirtualCameraLink &link = vc->link();
+    const auto spinner = [&] { return vc->findChild<Spinner *>(); };
     const auto fed = [&] {
-        vc->propertyTimer();
+        link.propertyTimer();
         const int taken = device->framesTaken();
-        const auto flowing = [&] { vc->fireTimer(); return device->framesTaken() >= taken + 3; };
-        return vc->needToStream && QTest::qWaitFor(flowing, 5000) && vc->virtualCameraView && vc->previewSpinner->isHidden();
+        const auto flowing = [&] { link.fireTimer(); return device->framesTaken() >= taken + 3; };
+        return link.needToStream() && QTest::qWaitFor(flowing, 5000) && vc->findChild<LoopbackPreview *>()
+               && spinner()->isHidden();
     };
-    vc->connectVirtualCamera();
+    link.connectVirtualCamera();
     vc->showVirtualCameraPreview();
-    vc->currentImage = QImage(64, 48, QImage::Format_RGB32);
+    link.setCurrentImage(QImage(64, 48, QImage::Format_RGB32));
     ASSERT_TRUE(fed());
 
     QDir(machine.path("sys/class/video4linux/video10")).removeRecursively();
     device->setWriteError(ENODEV);
-    ASSERT_TRUE(QTest::qWaitFor([&] { vc->fireTimer(); return vc->sinkQueue->isLost(); }, 5000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { link.fireTimer(); return link.sinkQueue()->isLost(); }, 5000));
     const qsizetype before = console.lines().size();
     for (int poll = 0; poll < 3; ++poll)
-        vc->propertyTimer();
+        link.propertyTimer();
     EXPECT_EQ(console.lines().mid(before), QStringList{QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée.")});
-    EXPECT_FALSE(vc->needToStream);
-    EXPECT_EQ(vc->virtualCameraView, nullptr);
-    EXPECT_TRUE(vc->previewSpinner->isVisibleTo(vc) && vc->previewSpinner->isAnimating());
+    EXPECT_FALSE(link.needToStream());
+    EXPECT_EQ(vc->findChild<LoopbackPreview *>(), nullptr);
+    EXPECT_TRUE(spinner()->isVisibleTo(vc) && spinner()->isAnimating());
 
     machine.addDevice(10, "Vistrel", true);
     device->setWriteError(0);

@@ -1,6 +1,6 @@
 #pragma once
 #include "core/Services.h"
-#include "camera/ViewController.h"
+#include "ui/ViewController.h"
 
 #include <QObject>
 #include <QPointer>

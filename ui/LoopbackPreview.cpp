@@ -1,4 +1,4 @@
-#include "vcam/LoopbackPreview.h"
+#include "ui/LoopbackPreview.h"
 
 #include "vcam/PixelBuffer.h"
 
@@ -6,7 +6,7 @@
 #include <QPainter>
 #include <QPainterPath>
 
-namespace vistrel::vcam {
+namespace vistrel {
 
 namespace {
 constexpr qreal kCornerRadius = 8.0;
@@ -24,7 +24,7 @@ LoopbackPreview::LoopbackPreview(QWidget *box, QWidget *parent) : QWidget(parent
     followBox();
 }
 
-bool LoopbackPreview::showFrame(std::shared_ptr<const PixelBuffer> frame)
+bool LoopbackPreview::showFrame(std::shared_ptr<const vcam::PixelBuffer> frame)
 {
     const bool first = !m_frame && frame;
     m_frame = std::move(frame);
@@ -68,4 +68,4 @@ void LoopbackPreview::paintEvent(QPaintEvent *)
     painter.drawImage(target, image);
 }
 
-} // namespace vistrel::vcam
+} // namespace vistrel

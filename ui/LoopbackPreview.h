@@ -3,9 +3,11 @@
 #include <QWidget>
 #include <memory>
 
-namespace vistrel::vcam {
+namespace vistrel {
 
+namespace vcam {
 class PixelBuffer;
+}
 
 // Shows, over a placeholder box, exactly the frames the link sends to the virtual
 // camera, filling the box (aspect fill) with rounded corners. It never opens the
@@ -19,7 +21,7 @@ public:
 
     // Keeps the frame (the pool buffer goes back when the next frame replaces it) and
     // repaints when visible. Answers whether this was the first frame shown.
-    bool showFrame(std::shared_ptr<const PixelBuffer> frame);
+    bool showFrame(std::shared_ptr<const vcam::PixelBuffer> frame);
     bool hasFrame() const { return m_frame != nullptr; }
 
 protected:
@@ -30,7 +32,7 @@ private:
     void followBox();
 
     QPointer<QWidget> m_box;
-    std::shared_ptr<const PixelBuffer> m_frame;
+    std::shared_ptr<const vcam::PixelBuffer> m_frame;
 };
 
-} // namespace vistrel::vcam
+} // namespace vistrel

@@ -6,6 +6,8 @@
 #include <cmath>
 #include <optional>
 
+class QWidget;
+
 namespace vistrel {
 
 // Gap between the status item and the window's top edge.
@@ -33,5 +35,8 @@ inline QPoint windowOriginBelowStatusItem(const QRect &anchor, const QSize &wind
     y = std::min(vf.y() + vf.height() - kScreenMargin - window.height(), y);
     return {x, y};
 }
+
+// Centres a window on the available geometry of the primary screen.
+void centerWindowOnScreen(QWidget *window);
 
 } // namespace vistrel

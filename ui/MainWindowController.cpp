@@ -1,6 +1,6 @@
-#include "app/MainWindowController.h"
+#include "ui/MainWindowController.h"
 
-#include "camera/ViewController.h"
+#include "ui/ViewController.h"
 
 #include <QApplication>
 #include <QFile>

@@ -1,4 +1,4 @@
-#include "app/Spinner.h"
+#include "ui/Spinner.h"
 
 #include <QPainter>
 #include <QTimer>
