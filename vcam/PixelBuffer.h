@@ -37,8 +37,17 @@ private:
 
 // At most bufferCount equal pixel buffers, each made the first time no other is free
 // and kept from then on. A buffer handed out comes back to the pool when its last
-// holder (the queue, the device writer, the preview) lets go, so steady frames cost no
-// allocation.
+// holder (the queue, the device writer, the preview) lets go, and the one given back
+// longest ago is handed out first, so the buffer the writer has just finished with is
+// the last to be painted over. Each buffer keeps the storage of its own shared_ptr
+// bookkeeping, so steady frames cost no allocation.
+//
+// Threads: the pool itself (making it, createPixelBuffer, pixelFormat, bufferCount,
+// destroying it) belongs to the one thread that draws frames. The buffers it hands out
+// may be copied to and let go on any thread; the free list they return to is locked,
+// and that lock also hands the releasing thread's pixels to the next taker. Buffers
+// still held when the pool goes stay valid and are freed once the last of them is let
+// go.
 class PixelBufferPool
 {
 public:
@@ -49,15 +58,19 @@ public:
 
     FourCharCode pixelFormat() const { return m_pixelFormat; }
     // The buffers made so far; never more than the count the pool was made for.
-    int bufferCount() const { return static_cast<int>(m_buffers.size()); }
+    int bufferCount() const;
 
 private:
+    struct Slot;
+    struct Shared;
+    template <class T>
+    class SlotAllocator;
+
     FourCharCode m_pixelFormat;
     int m_width;
     int m_height;
-    int m_bufferCount;
-    std::vector<std::shared_ptr<PixelBuffer>> m_buffers;
-    std::size_t m_next = 0;
+    // The buffers and their free list, also held by every buffer that is out.
+    std::shared_ptr<Shared> m_shared;
 };
 
 } // namespace vistrel::vcam
