@@ -30,4 +30,10 @@ std::unique_ptr<RepeatingTimer> QtTimers::repeating(std::chrono::milliseconds in
     return std::make_unique<QtRepeatingTimer>(interval, type, std::move(tick));
 }
 
+Timers &timersOr(Timers *given)
+{
+    static QtTimers qtTimers;
+    return given ? *given : qtTimers;
+}
+
 } // namespace vistrel

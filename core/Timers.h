@@ -35,4 +35,7 @@ public:
                                               std::function<void()> tick) override;
 };
 
+// `given`, or Qt's timers when none were given.
+Timers &timersOr(Timers *given);
+
 } // namespace vistrel

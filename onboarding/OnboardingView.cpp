@@ -1,5 +1,7 @@
 #include "onboarding/OnboardingView.h"
 
+#include "core/Timers.h"
+
 #include "core/NotificationCenter.h"
 #include "core/Platform.h"
 #include "camera/CameraAuthorization.h"
@@ -16,7 +18,6 @@
 #include <QPainterPath>
 #include <QPushButton>
 #include <QSvgRenderer>
-#include <QTimer>
 #include <QVBoxLayout>
 
 namespace vistrel {
@@ -257,21 +258,18 @@ void OnboardingView::refreshExtensionState()
 
 void OnboardingView::startExtensionRefreshTimer()
 {
-    delete _extensionRefreshTimer.data();
-    auto *timer = new QTimer(this);
-    timer->setInterval(2000);
-    connect(timer, &QTimer::timeout, this, [this] {
-        _cameraPermissionGranted = cameraAuthorized();
-        refreshExtensionState();
-    });
-    timer->start();
-    _extensionRefreshTimer = timer;
+    if (!_extensionRefreshTimer)
+        _extensionRefreshTimer = timersOr(m_services.timers).repeating(std::chrono::seconds(2), Qt::CoarseTimer, [this] {
+            _cameraPermissionGranted = cameraAuthorized();
+            refreshExtensionState();
+        });
+    _extensionRefreshTimer->start(); // from now: a timer already running starts its interval again
 }
 
 void OnboardingView::stopExtensionRefreshTimer()
 {
-    delete _extensionRefreshTimer.data();
-    _extensionRefreshTimer = nullptr;
+    if (_extensionRefreshTimer)
+        _extensionRefreshTimer->stop();
 }
 
 void OnboardingView::onAppear()

@@ -1,5 +1,6 @@
 #pragma once
 #include "core/Services.h"
+#include "core/Timers.h"
 
 #include <QColor>
 #include <QPointer>
@@ -9,7 +10,6 @@
 
 class QLabel;
 class QPushButton;
-class QTimer;
 
 namespace vistrel {
 namespace sysext {
@@ -69,7 +69,7 @@ public:
     bool _cameraPermissionGranted = false;
     bool _extensionInstalled = false;
     bool _extensionActivated = false;
-    QPointer<QTimer> _extensionRefreshTimer;
+    std::unique_ptr<RepeatingTimer> _extensionRefreshTimer; // every 2 s while shown
     std::function<void()> _dismiss; // closes the hosting window; held, not used by the set-up flow
     std::function<void()> onComplete;
 

@@ -6,6 +6,7 @@
 #include "core/NotificationCenter.h"
 #include "core/Platform.h"
 #include "core/SystemLog.h"
+#include "core/Timers.h"
 #include "onboarding/OnboardingManager.h"
 #include "ui/ConnectingPlaceholder.h"
 #include "ui/ExtensionRequests.h"
@@ -34,10 +35,9 @@ void bindOutlet(ViewController *controller, QPointer<T> &outlet, const char *nam
 } // namespace
 
 ViewController::ViewController(const Services &services, QWidget *parent)
-    : QWidget(parent), m_services(services), m_timers(services.timers ? *services.timers : m_qtTimers),
-      m_effects(std::make_unique<camera::FreezeEffect>(m_timers)),
-      m_movie(std::make_unique<camera::VideoFileSource>(services.alerts, m_timers)),
-      m_link(std::make_unique<vcam::VirtualCameraLink>(services.virtualCamera, m_timers)),
+    : QWidget(parent), m_services(services), m_effects(std::make_unique<camera::FreezeEffect>(timersOr(services.timers))),
+      m_movie(std::make_unique<camera::VideoFileSource>(services.alerts, timersOr(services.timers))),
+      m_link(std::make_unique<vcam::VirtualCameraLink>(services.virtualCamera, timersOr(services.timers))),
       m_requests(std::make_unique<ExtensionRequests>(m_services, [this](const QString &text) { showMessage(text); }))
 {
     // A frozen picture or a playing movie needs no camera picture; every camera frame

@@ -1,6 +1,5 @@
 #pragma once
 #include "core/Services.h"
-#include "core/Timers.h"
 
 #include <QPointer>
 #include <QWidget>
@@ -82,8 +81,6 @@ private:
     void showVirtualCameraGone();
 
     Services m_services;
-    QtTimers m_qtTimers; // when the services bring no timers
-    Timers &m_timers;
 
     // Outlets.
     QPointer<QComboBox> m_popUpButton;

@@ -35,12 +35,12 @@ TEST(OnboardingViewTest, RowsActionsAndTheRefreshTimerFollowTheFlagsAndFinishIsG
     test::TestServices env;
     test::FakeExtensionManager manager;
     env.services.extensionManager = &manager;
+    env.services.timers = &env.clock;
     const auto delegate = sysext::delegateFor<AppDelegate>(nullptr); // answers go nowhere
     int completions = 0;
     env.cameraAuthorization.status = camera::NotDetermined;
     OnboardingView view(env.services, delegate, [&] { ++completions; });
-    // A stopped timer is deleted, so the timers left are the running ones.
-    const auto timers = [&] { return view.findChildren<QTimer *>().size(); };
+    const auto timers = [&] { return env.clock.runningTimers(std::chrono::seconds(2)); };
     EXPECT_EQ(timers(), 0);
     view.show();
     QPushButton *install = view.extensionRow()->actionButton();
@@ -63,11 +63,13 @@ TEST(OnboardingViewTest, RowsActionsAndTheRefreshTimerFollowTheFlagsAndFinishIsG
     // A change made while shown appears at the next tick, two seconds on. Installed but
     // not enabled: the button then opens the help page, without an alert.
     env.extensionProbes.installed = true;
-    view.startExtensionRefreshTimer(); // replaces the one showing started: never two at once
-    QTest::qWait(1500);
+    env.clock.advance(1.0);
+    view.startExtensionRefreshTimer(); // starts the two seconds again: never two timers at once
+    EXPECT_EQ(timers(), 1);
+    env.clock.advance(1.5);
     EXPECT_EQ(description(view.extensionRow()), QStringLiteral("Install the virtual camera system extension.")) << "not before the tick";
-    EXPECT_TRUE(QTest::qWaitFor(
-        [&] { return description(view.extensionRow()) == QStringLiteral("Enable the extension (see Camera Help)."); }, 2000));
+    env.clock.advance(0.5);
+    EXPECT_EQ(description(view.extensionRow()), QStringLiteral("Enable the extension (see Camera Help)."));
     install->click();
     EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{sysext::CameraExtensionHelper::extensionSettingsUrl(env.services.bundle)});
     EXPECT_EQ(env.alerts.shown.size(), 1);

@@ -54,8 +54,9 @@ TEST(LoopbackDeviceSequenceTest, EachReleaseGetsItsOwnSequenceAndReaderCount)
         ASSERT_EQ(system.copyBufferQueue(streams[1], [] {}, &queue), 0);
         EXPECT_EQ(system.startStream(*found, streams[1]), row.offersOutput ? 0 : EBUSY);
         // The start ends with a black frame, written by the writer thread.
-        if (row.offersOutput)
+        if (row.offersOutput) {
             ASSERT_TRUE(device->waitForWriteCalls(1));
+        }
         EXPECT_EQ(calls(), row.start);
 
         if (row.offersOutput) {
