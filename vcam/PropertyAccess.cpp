@@ -11,23 +11,16 @@ PropertyAddress globalAddress(FourCharCode selector)
     return {selector, codes::scopeGlobal, codes::elementMain};
 }
 
+// A list the object does not have reads as an empty one.
 std::vector<ObjectID> readObjectList(VirtualCameraSystem &system, ObjectID object, FourCharCode selector)
 {
-    const PropertyAddress address = globalAddress(selector);
-    const std::uint32_t dataSize = system.getPropertyDataSize(object, address);
-    std::vector<ObjectID> objects(dataSize / sizeof(ObjectID), 0);
-    if (!objects.empty())
-        system.getPropertyData(object, address, dataSize, objects.data());
-    return objects;
+    return system.objectListProperty(object, globalAddress(selector)).value_or(std::vector<ObjectID>{});
 }
 
-// String properties hold one QString; it starts out empty so a failed read gives "".
+// A string that cannot be read reads as "".
 QString readStringProperty(VirtualCameraSystem &system, ObjectID object, const PropertyAddress &address)
 {
-    QString value;
-    const std::uint32_t dataSize = system.getPropertyDataSize(object, address);
-    system.getPropertyData(object, address, std::min<std::uint32_t>(dataSize, sizeof(QString)), &value);
-    return value;
+    return system.stringProperty(object, address).value_or(QString());
 }
 
 } // namespace
@@ -62,8 +55,7 @@ void writeJustProperty(VirtualCameraSystem &system, ObjectID stream, const QStri
     const PropertyAddress address = globalAddress(makeFourCharCode(QStringLiteral("just")));
     if (!system.hasProperty(stream, address) || !system.isPropertySettable(stream, address))
         return;
-    // The size is the property's own data size: one whole string, never a prefix of it.
-    system.setPropertyData(stream, address, system.getPropertyDataSize(stream, address), &value);
+    system.setStringProperty(stream, address, value);
 }
 
 std::optional<CaptureDevice> getDevice(VirtualCameraSystem &system, const QString &name)

@@ -15,7 +15,8 @@ namespace vistrel::vcam {
 std::optional<ObjectID> findDeviceByUID(VirtualCameraSystem &system, const QString &uid);
 // The device's streams in the order the system lists them.
 std::vector<ObjectID> getStreams(VirtualCameraSystem &system, ObjectID device);
-// The stream's "just" text; absent when the stream has no such property.
+// The stream's "just" text; absent when the stream has no such property, "" when it
+// has one that cannot be read.
 std::optional<QString> readJustProperty(VirtualCameraSystem &system, ObjectID stream);
 // Writes the stream's "just" text when the property exists and is settable.
 void writeJustProperty(VirtualCameraSystem &system, ObjectID stream, const QString &value);

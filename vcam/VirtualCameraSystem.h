@@ -6,6 +6,7 @@
 #include <functional>
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace vistrel::vcam {
@@ -37,10 +38,10 @@ struct CaptureDevice
 // The virtual camera's hardware layer: objects (the system object, devices, streams)
 // with properties, and the sink stream's buffer queue.
 //
-// Property data is raw memory, sized as the property's data size says: object lists
-// are arrays of ObjectID, string properties hold one QString (their data size is
-// sizeof(QString), the size of one string, not the length of its text, so a string
-// is never cut short). Statuses are returned, never thrown.
+// Properties are typed: object lists (the system object's devices, a device's streams)
+// and strings (a device's unique identifier, a stream's "just"). A read answers nothing
+// when the object has no property of that kind at the address. Statuses are returned,
+// never thrown.
 class VirtualCameraSystem
 {
 public:
@@ -48,12 +49,10 @@ public:
 
     virtual bool hasProperty(ObjectID object, const PropertyAddress &address) = 0;
     virtual bool isPropertySettable(ObjectID object, const PropertyAddress &address) = 0;
-    virtual std::uint32_t getPropertyDataSize(ObjectID object, const PropertyAddress &address) = 0;
-    // Fills at most dataSize bytes; answers how many were written (0 on failure).
-    virtual std::uint32_t getPropertyData(ObjectID object, const PropertyAddress &address, std::uint32_t dataSize,
-                                          void *data) = 0;
-    virtual Status setPropertyData(ObjectID object, const PropertyAddress &address, std::uint32_t dataSize,
-                                   const void *data) = 0;
+    virtual std::optional<std::vector<ObjectID>> objectListProperty(ObjectID object,
+                                                                    const PropertyAddress &address) = 0;
+    virtual std::optional<QString> stringProperty(ObjectID object, const PropertyAddress &address) = 0;
+    virtual Status setStringProperty(ObjectID object, const PropertyAddress &address, const QString &value) = 0;
 
     // Capture devices of the given types, in the system's order.
     virtual std::vector<CaptureDevice> captureDevices(std::initializer_list<CaptureDeviceType> types) = 0;

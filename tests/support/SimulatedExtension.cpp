@@ -2,8 +2,6 @@
 
 #include "vcam/PixelBuffer.h"
 
-#include <cstring>
-
 namespace vistrel::test {
 
 using namespace vcam;
@@ -145,66 +143,41 @@ bool SimulatedExtension::isPropertySettable(ObjectID object, const PropertyAddre
     return isStream(object) && address.selector == codes::just && justSettable;
 }
 
-std::uint32_t SimulatedExtension::getPropertyDataSize(ObjectID object, const PropertyAddress &address)
+std::optional<std::vector<ObjectID>> SimulatedExtension::objectListProperty(ObjectID object,
+                                                                            const PropertyAddress &address)
 {
-    if (object == kSystemObject && address.selector == codes::devices) {
-        if (deviceListSizeOverride)
-            return *deviceListSizeOverride;
-        std::uint32_t listed = 0;
-        for (const Device &device : devices)
-            listed += device.inHardwareList ? 1 : 0;
-        return listed * sizeof(ObjectID);
-    }
     if (!hasProperty(object, address))
-        return 0;
-    if (address.selector == codes::streams)
-        return static_cast<std::uint32_t>(devices[static_cast<std::size_t>(deviceIndexOf(object))].streamCount *
-                                          sizeof(ObjectID));
-    return sizeof(QString);
-}
-
-std::uint32_t SimulatedExtension::getPropertyData(ObjectID object, const PropertyAddress &address,
-                                                  std::uint32_t dataSize, void *data)
-{
-    auto copyObjects = [&](const std::vector<ObjectID> &objects) {
-        const std::uint32_t bytes =
-            std::min<std::uint32_t>(dataSize / sizeof(ObjectID), static_cast<std::uint32_t>(objects.size())) *
-            sizeof(ObjectID);
-        if (bytes)
-            std::memcpy(data, objects.data(), bytes);
-        return bytes;
-    };
-    auto copyString = [&](const QString &value) -> std::uint32_t {
-        if (dataSize < sizeof(QString))
-            return 0;
-        *static_cast<QString *>(data) = value;
-        return sizeof(QString);
-    };
-    if (object == kSystemObject && address.selector == codes::devices) {
+        return std::nullopt;
+    if (object == kSystemObject) {
+        if (!deviceListReadable)
+            return std::nullopt;
         std::vector<ObjectID> listed;
         for (std::size_t i = 0; i < devices.size(); ++i)
             if (devices[i].inHardwareList)
                 listed.push_back(deviceObject(static_cast<int>(i)));
-        return copyObjects(listed);
+        return listed;
     }
-    if (!hasProperty(object, address))
-        return 0;
-    const int index = deviceIndexOf(object);
-    if (address.selector == codes::deviceUID)
-        return copyString(devices[static_cast<std::size_t>(index)].uid);
     if (address.selector == codes::streams)
-        return copyObjects(streamObjects(index));
-    return copyString(*justAnswer);
+        return streamObjects(deviceIndexOf(object));
+    return std::nullopt;
 }
 
-Status SimulatedExtension::setPropertyData(ObjectID object, const PropertyAddress &address, std::uint32_t dataSize,
-                                           const void *data)
+std::optional<QString> SimulatedExtension::stringProperty(ObjectID object, const PropertyAddress &address)
+{
+    if (!hasProperty(object, address) || object == kSystemObject)
+        return std::nullopt;
+    if (address.selector == codes::deviceUID)
+        return devices[static_cast<std::size_t>(deviceIndexOf(object))].uid;
+    if (address.selector == codes::just && justReadable)
+        return justAnswer;
+    return std::nullopt;
+}
+
+Status SimulatedExtension::setStringProperty(ObjectID object, const PropertyAddress &address, const QString &value)
 {
     if (!isPropertySettable(object, address))
         return -1;
-    justWriteSizes.push_back(dataSize);
-    if (dataSize >= sizeof(QString))
-        justWrites.push_back(*static_cast<const QString *>(data));
+    justWrites.push_back(value);
     return 0;
 }
 

@@ -75,7 +75,8 @@ public:
     std::vector<Device> devices;
     std::optional<QString> justAnswer = QStringLiteral("sc=1"); // nullopt: no such property
     bool justSettable = true;
-    std::optional<std::uint32_t> deviceListSizeOverride; // a reported size for "dev#"
+    bool deviceListReadable = true; // false: the system object's "dev#" cannot be read
+    bool justReadable = true;       // false: "just" is there but reading it fails
     bool failCopyBufferQueue = false;
     bool failStartStream = false;
     QString captureInputFailure;
@@ -83,7 +84,6 @@ public:
 
     // What happened.
     std::vector<QString> justWrites;
-    std::vector<std::uint32_t> justWriteSizes;
     std::shared_ptr<SimulatedQueue> queue;
     // When set, the app is handed this wrapping of the queue instead.
     std::function<std::shared_ptr<vcam::SimpleQueue>(std::shared_ptr<vcam::SimpleQueue>)> wrapQueue;
@@ -93,11 +93,11 @@ public:
 
     bool hasProperty(vcam::ObjectID object, const vcam::PropertyAddress &address) override;
     bool isPropertySettable(vcam::ObjectID object, const vcam::PropertyAddress &address) override;
-    std::uint32_t getPropertyDataSize(vcam::ObjectID object, const vcam::PropertyAddress &address) override;
-    std::uint32_t getPropertyData(vcam::ObjectID object, const vcam::PropertyAddress &address, std::uint32_t dataSize,
-                                  void *data) override;
-    vcam::Status setPropertyData(vcam::ObjectID object, const vcam::PropertyAddress &address, std::uint32_t dataSize,
-                                 const void *data) override;
+    std::optional<std::vector<vcam::ObjectID>> objectListProperty(vcam::ObjectID object,
+                                                                  const vcam::PropertyAddress &address) override;
+    std::optional<QString> stringProperty(vcam::ObjectID object, const vcam::PropertyAddress &address) override;
+    vcam::Status setStringProperty(vcam::ObjectID object, const vcam::PropertyAddress &address,
+                                   const QString &value) override;
     std::vector<vcam::CaptureDevice> captureDevices(std::initializer_list<vcam::CaptureDeviceType> types) override;
     QString captureInputError(const vcam::CaptureDevice &device) override;
     vcam::Status copyBufferQueue(vcam::ObjectID stream, std::function<void()> queueAltered,

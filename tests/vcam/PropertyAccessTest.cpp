@@ -10,7 +10,7 @@ namespace {
 using test::SimulatedExtension;
 
 // The first exact match wins: not a later one, not another case, not a prefix.
-TEST(PropertyAccessTest, FindsTheFirstDeviceWithTheExactIdentifier)
+TEST(PropertyAccessTest, FindsTheFirstDeviceWithTheExactIdentifierAndItsStreams)
 {
     SimulatedExtension system;
     system.devices = {{QStringLiteral("Other"), QStringLiteral("/dev/video3")},
@@ -19,36 +19,42 @@ TEST(PropertyAccessTest, FindsTheFirstDeviceWithTheExactIdentifier)
     EXPECT_EQ(findDeviceByUID(system, QStringLiteral("/dev/video10")), system.deviceObject(1));
     EXPECT_EQ(findDeviceByUID(system, QStringLiteral("/dev/VIDEO10")), std::nullopt);
     EXPECT_EQ(findDeviceByUID(system, QStringLiteral("/dev/video1")), std::nullopt);
+    // Streams come in the system's order; an object without a stream list has none.
+    EXPECT_EQ(getStreams(system, system.deviceObject(1)), system.streamObjects(1));
+    EXPECT_TRUE(getStreams(system, system.streamObjects(1)[0]).empty());
 
     // Canonically equal texts are equal, whatever their composition.
     system.devices = {{QStringLiteral("Vistrel"), QStringLiteral("cam\u00E9ra")}};
     EXPECT_EQ(findDeviceByUID(system, QStringLiteral("came\u0301ra")), system.deviceObject(0));
 
-    // A device list of fewer than four bytes holds no device (not one rounded up).
-    system.deviceListSizeOverride = 3;
+    // A device list that cannot be read holds no device.
+    system.deviceListReadable = false;
     EXPECT_EQ(findDeviceByUID(system, QStringLiteral("cam\u00E9ra")), std::nullopt);
 }
 
-// Reading is covered by the link's poll.
-TEST(PropertyAccessTest, JustIsWrittenWholeOnlyWhenPresentAndSettable)
+// A missing "just" reads as absent (the poll then leaves the gate alone), one that is
+// there but unreadable as "" (the poll then closes it). Successful reads are covered by
+// the link's poll.
+TEST(PropertyAccessTest, JustIsReadAndWrittenOnlyWhenPresent)
 {
     SimulatedExtension system;
     const ObjectID source = system.streamObjects(0)[0];
 
-    const QString longValue = QString(300, QLatin1Char('x')) + QStringLiteral("é end");
-    writeJustProperty(system, source, longValue);
-    ASSERT_EQ(system.justWrites.size(), 1u);
-    EXPECT_EQ(system.justWrites[0], longValue);
-    EXPECT_EQ(system.justWriteSizes[0], sizeof(QString));
+    writeJustProperty(system, source, QStringLiteral("random"));
+    EXPECT_EQ(system.justWrites, std::vector<QString>{QStringLiteral("random")});
 
     system.justSettable = false;
     writeJustProperty(system, source, QStringLiteral("random"));
     EXPECT_EQ(system.justWrites.size(), 1u);
 
+    system.justReadable = false;
+    EXPECT_EQ(readJustProperty(system, source), QString());
+
     system.justAnswer.reset();
     system.justSettable = true;
     writeJustProperty(system, source, QStringLiteral("random"));
     EXPECT_EQ(system.justWrites.size(), 1u);
+    EXPECT_EQ(readJustProperty(system, source), std::nullopt);
 }
 
 // getDevice takes only external cameras; the virtual-camera lookup built-in ones too.

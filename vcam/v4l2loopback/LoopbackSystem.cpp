@@ -4,9 +4,7 @@
 #include "vcam/v4l2loopback/VideoDeviceList.h"
 
 #include <QFileInfo>
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 namespace vistrel::vcam {
 
@@ -15,24 +13,6 @@ namespace {
 bool isGlobalMain(const PropertyAddress &address)
 {
     return address.scope == codes::scopeGlobal && address.element == codes::elementMain;
-}
-
-std::uint32_t copyObjects(const std::vector<ObjectID> &objects, std::uint32_t dataSize, void *data)
-{
-    const std::uint32_t bytes =
-        std::min<std::uint32_t>(dataSize / sizeof(ObjectID), static_cast<std::uint32_t>(objects.size())) *
-        sizeof(ObjectID);
-    if (bytes > 0)
-        std::memcpy(data, objects.data(), bytes);
-    return bytes;
-}
-
-std::uint32_t copyString(const QString &value, std::uint32_t dataSize, void *data)
-{
-    if (dataSize < sizeof(QString))
-        return 0;
-    *static_cast<QString *>(data) = value;
-    return sizeof(QString);
 }
 
 } // namespace
@@ -91,46 +71,38 @@ bool LoopbackSystem::isPropertySettable(ObjectID object, const PropertyAddress &
     return found && found->role != Role::Device && address.selector == codes::just && isGlobalMain(address);
 }
 
-std::uint32_t LoopbackSystem::getPropertyDataSize(ObjectID object, const PropertyAddress &address)
+std::optional<std::vector<ObjectID>> LoopbackSystem::objectListProperty(ObjectID object, const PropertyAddress &address)
 {
-    if (!hasProperty(object, address) && object != kSystemObject)
-        return 0;
+    if (!hasProperty(object, address))
+        return std::nullopt;
     if (object == kSystemObject)
-        return address.selector == codes::devices && isGlobalMain(address)
-                   ? static_cast<std::uint32_t>(refreshDevices().size() * sizeof(ObjectID))
-                   : 0;
-    if (address.selector == codes::streams)
-        return 2 * sizeof(ObjectID);
-    return sizeof(QString);
+        return refreshDevices();
+    const Entry &found = *entry(object);
+    if (address.selector != codes::streams)
+        return std::nullopt;
+    const Device &device = m_devicesByNode.at(found.node);
+    return std::vector<ObjectID>{device.source, device.sink};
 }
 
-std::uint32_t LoopbackSystem::getPropertyData(ObjectID object, const PropertyAddress &address, std::uint32_t dataSize,
-                                              void *data)
+std::optional<QString> LoopbackSystem::stringProperty(ObjectID object, const PropertyAddress &address)
 {
-    if (!data || !hasProperty(object, address))
-        return 0;
-    if (object == kSystemObject)
-        return copyObjects(refreshDevices(), dataSize, data);
+    if (!hasProperty(object, address) || object == kSystemObject)
+        return std::nullopt;
     const Entry &found = *entry(object);
     switch (address.selector) {
     case codes::deviceUID:
-        return copyString(found.node, dataSize, data);
-    case codes::streams: {
-        const Device &device = m_devicesByNode.at(found.node);
-        return copyObjects({device.source, device.sink}, dataSize, data);
-    }
+        return found.node;
+    case codes::just:
+        return justAnswer(found.node);
     default:
-        return copyString(justAnswer(found.node), dataSize, data);
+        return std::nullopt;
     }
 }
 
-Status LoopbackSystem::setPropertyData(ObjectID object, const PropertyAddress &address, std::uint32_t dataSize,
-                                       const void *data)
+Status LoopbackSystem::setStringProperty(ObjectID object, const PropertyAddress &address, const QString &)
 {
     // "just" takes any text (the app writes "random" before each read) and keeps none.
-    if (!isPropertySettable(object, address) || !data || dataSize < sizeof(QString))
-        return EINVAL;
-    return 0;
+    return isPropertySettable(object, address) ? 0 : EINVAL;
 }
 
 QString LoopbackSystem::justAnswer(const QString &node)

@@ -29,11 +29,9 @@ public:
 
     bool hasProperty(ObjectID object, const PropertyAddress &address) override;
     bool isPropertySettable(ObjectID object, const PropertyAddress &address) override;
-    std::uint32_t getPropertyDataSize(ObjectID object, const PropertyAddress &address) override;
-    std::uint32_t getPropertyData(ObjectID object, const PropertyAddress &address, std::uint32_t dataSize,
-                                  void *data) override;
-    Status setPropertyData(ObjectID object, const PropertyAddress &address, std::uint32_t dataSize,
-                           const void *data) override;
+    std::optional<std::vector<ObjectID>> objectListProperty(ObjectID object, const PropertyAddress &address) override;
+    std::optional<QString> stringProperty(ObjectID object, const PropertyAddress &address) override;
+    Status setStringProperty(ObjectID object, const PropertyAddress &address, const QString &value) override;
 
     std::vector<CaptureDevice> captureDevices(std::initializer_list<CaptureDeviceType> types) override;
     QString captureInputError(const CaptureDevice &device) override;
