@@ -1,15 +1,15 @@
 #include "app/AppDelegate.h"
 #include "app/SingleInstance.h"
 
-#include "ui/MainWindowController.h"
+#include "camera/CameraAuthorization.h"
 #include "core/Platform.h"
 #include "core/SystemLog.h"
 #include "core/TraceLog.h"
 #include "core/UserDefaults.h"
 #include "core/WindowPlacement.h"
-#include "camera/CameraAuthorization.h"
 #include "onboarding/OnboardingManager.h"
 #include "sysext/ExtensionProbes.h"
+#include "ui/MainWindowController.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -38,8 +38,7 @@ QPointer<QWidget> &fallbackWindowSlot()
 class ResignKeyObserver : public QObject
 {
 public:
-    ResignKeyObserver(AppDelegate *delegate, QWidget *window)
-        : QObject(window), m_delegate(delegate), m_window(window)
+    ResignKeyObserver(AppDelegate *delegate, QWidget *window) : QObject(window), m_delegate(delegate), m_window(window)
     {
         setObjectName(QStringLiteral("resignKeyObserver"));
         window->installEventFilter(this);
@@ -94,17 +93,14 @@ QWidget *showFallbackWindow(Application &application)
     return shown;
 }
 
-AppDelegate::AppDelegate(const Services &services, QObject *parent)
-    : QObject(parent), m_services(services)
-{
-}
+AppDelegate::AppDelegate(const Services &services, QObject *parent) : QObject(parent), m_services(services) {}
 
 AppDelegate::~AppDelegate() = default;
 
 void AppDelegate::applicationDidFinishLaunching()
 {
-    const QString exec = m_services.bundle.executablePath.isEmpty() ? QStringLiteral("?")
-                                                                    : m_services.bundle.executablePath;
+    const QString exec =
+        m_services.bundle.executablePath.isEmpty() ? QStringLiteral("?") : m_services.bundle.executablePath;
     traceLog(QStringLiteral("didFinishLaunching ENTER pid=") + QString::number(QCoreApplication::applicationPid())
              + QStringLiteral(" exec=") + exec);
 
@@ -116,10 +112,9 @@ void AppDelegate::applicationDidFinishLaunching()
     needsOnboarding = onboarding.isOnboardingNeeded();
 
     const QString fields = QStringLiteral("onboardingComplete=") + boolText(onboardingComplete)
-                           + QStringLiteral(" cameraAuth=") + QString::number(cameraAuth)
-                           + QStringLiteral(" extInstalled=") + boolText(extInstalled)
-                           + QStringLiteral(" extActivated=") + boolText(extActivated)
-                           + QStringLiteral(" needsOnboarding=") + boolText(needsOnboarding);
+        + QStringLiteral(" cameraAuth=") + QString::number(cameraAuth) + QStringLiteral(" extInstalled=")
+        + boolText(extInstalled) + QStringLiteral(" extActivated=") + boolText(extActivated)
+        + QStringLiteral(" needsOnboarding=") + boolText(needsOnboarding);
     traceLog(QStringLiteral("didFinishLaunching state — ") + fields);
     systemLog(QStringLiteral("didFinishLaunching — ") + fields);
 
@@ -155,7 +150,8 @@ void AppDelegate::prepareMainWindow()
         return;
     if (!mainWindowController) {
         mainWindowController = instantiateMainInterface(m_services, m_services.bundle.mainInterfacePath());
-        systemLog(QStringLiteral("main storyboard fallback instantiate -> ") + describeOptional(mainWindowController.data()));
+        systemLog(QStringLiteral("main storyboard fallback instantiate -> ")
+                  + describeOptional(mainWindowController.data()));
         if (!mainWindowController) {
             systemLog(QStringLiteral("no main window from storyboard — falling back to programmatic window"));
             showFallbackWindow(*m_services.application);

@@ -1,6 +1,6 @@
 #pragma once
-#include "core/Services.h"
 #include "app/SingleInstance.h"
+#include "core/Services.h"
 
 #include <QObject>
 #include <QPointer>
@@ -74,7 +74,5 @@ private:
 // has no main window. Replaces (and so closes) the previous one.
 QWidget *showFallbackWindow(Application &application);
 QWidget *fallbackWindow();
-
-
 
 } // namespace vistrel

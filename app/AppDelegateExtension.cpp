@@ -23,11 +23,12 @@ void AppDelegate::requestNeedsUserApproval()
     QMetaObject::invokeMethod(
         this,
         [this] {
-            showSettingsAlert(QStringLiteral("Approval Required"),
-                              QStringLiteral("Please allow Vistrel to install the camera extension: enter your password "
-                                             "when asked, and approve its signing key at the next restart if your "
-                                             "computer uses Secure Boot.\n\nYou may need to restart Vistrel after "
-                                             "approving."));
+            showSettingsAlert(
+                QStringLiteral("Approval Required"),
+                QStringLiteral("Please allow Vistrel to install the camera extension: enter your password "
+                               "when asked, and approve its signing key at the next restart if your "
+                               "computer uses Secure Boot.\n\nYou may need to restart Vistrel after "
+                               "approving."));
         },
         Qt::QueuedConnection);
 }
@@ -35,7 +36,8 @@ void AppDelegate::requestNeedsUserApproval()
 void AppDelegate::requestDidFinishWithResult(int result)
 {
     traceLog(QStringLiteral("sysext finished result=") + QString::number(result));
-    QMetaObject::invokeMethod(this, [this, result] { handleInstallResult(result); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        this, [this, result] { handleInstallResult(result); }, Qt::QueuedConnection);
 }
 
 void AppDelegate::requestDidFailWithError(const sysext::ExtensionRequestError &error)
@@ -51,7 +53,7 @@ void AppDelegate::requestDidFailWithError(const sysext::ExtensionRequestError &e
         text = QStringLiteral("The camera extension could not be installed.\n\nPlease make sure the v4l2loopback "
                               "kernel module is installed (Camera Help shows how) and allow Vistrel to set it up "
                               "when asked for your password.\n\nError: ")
-               + error.description;
+            + error.description;
     }
     QMetaObject::invokeMethod(
         this, [this, text] { showSettingsAlert(QStringLiteral("Installation Failed"), text); }, Qt::QueuedConnection);

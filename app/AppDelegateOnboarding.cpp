@@ -8,7 +8,8 @@ namespace vistrel {
 // it relaunches the app onto the main-window path.
 void AppDelegate::showOnboardingWindow()
 {
-    OnboardingCoordinator::shared().showOnboarding(m_services, sysext::delegateFor(this), [this] { onboardingCompleted(); });
+    OnboardingCoordinator::shared().showOnboarding(m_services, sysext::delegateFor(this),
+                                                   [this] { onboardingCompleted(); });
 }
 
 } // namespace vistrel

@@ -1,12 +1,12 @@
 // The status item and window toggling.
 #include "app/AppDelegate.h"
 
-#include "ui/MainWindowController.h"
 #include "core/Platform.h"
 #include "core/SystemLog.h"
 #include "core/WindowPlacement.h"
 #include "onboarding/OnboardingCoordinator.h"
 #include "onboarding/OnboardingManager.h"
+#include "ui/MainWindowController.h"
 
 #include <QAbstractButton>
 #include <QApplication>

@@ -25,8 +25,7 @@ void ControlSocket::Chooser::chooseMovie(QWidget *parent, std::function<void(std
 
 ControlSocket::ControlSocket(FileDialogs &panel, ControllerLookup lookup, QObject *parent)
     : QObject(parent), m_chooser(panel), m_lookup(std::move(lookup))
-{
-}
+{}
 
 ControlSocket::~ControlSocket() = default;
 

@@ -35,8 +35,8 @@ int MessageBoxAlertPresenter::runModal(const AlertSpec &alert)
     QList<QAbstractButton *> buttons;
     for (const QString &title : alert.buttons) {
         // Roles only order the buttons; the first button is the affirmative default.
-        QPushButton *button = box.addButton(title, buttons.isEmpty() ? QMessageBox::AcceptRole
-                                                                     : QMessageBox::RejectRole);
+        QPushButton *button =
+            box.addButton(title, buttons.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::RejectRole);
         if (buttons.isEmpty())
             box.setDefaultButton(button);
         buttons.append(button);

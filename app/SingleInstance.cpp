@@ -36,7 +36,7 @@ bool SingleInstance::notifyRunningInstance(int timeoutMs)
 {
     if (m_key.isEmpty())
         return false;
-    struct stat st {};
+    struct stat st = {};
     if (::lstat(QFile::encodeName(m_key).constData(), &st) != 0 && errno == ENOENT)
         return false;
     QString why;

@@ -42,7 +42,7 @@ TerminationSignals::TerminationSignals(std::function<void(int)> handler, QObject
     connect(m_notifier, &QSocketNotifier::activated, this, &TerminationSignals::readSignals);
     g_writeFd = m_fds[0];
 
-    struct sigaction action {};
+    struct sigaction action = {};
     action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;

@@ -6,10 +6,10 @@
 // CPU time is per frame; items_per_second is frames per CPU second, i.e. the frame
 // rate one core sustains.
 #include "bench/FramePathHarness.h"
-#include "vcam/VirtualCameraLink.h"
 #include "bench/SyntheticCamera.h"
 #include "vcam/FrameSize.h"
 #include "vcam/PixelBuffer.h"
+#include "vcam/VirtualCameraLink.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
 
 #include <QApplication>
@@ -196,14 +196,15 @@ bool takeRawFrameArguments(int &argc, char **argv)
         const QStringList size = parts.value(1).split(QLatin1Char('x'));
         std::optional<FrameKind> kind;
         for (const FrameKind &candidate : cameraKinds())
-            if (parts.size() >= 3 && parts[0] == QLatin1String(formatName(candidate.format))
-                && size.size() == 2 && size[0].toInt() == candidate.width && size[1].toInt() == candidate.height)
+            if (parts.size() >= 3 && parts[0] == QLatin1String(formatName(candidate.format)) && size.size() == 2
+                && size[0].toInt() == candidate.width && size[1].toInt() == candidate.height)
                 kind = candidate;
         const QString path = parts.mid(2).join(QLatin1Char(':'));
         SamplePtr sample = kind ? readRawFrame(path, *kind) : nullptr;
         if (!sample) {
-            fprintf(stderr, "vistrel_bench: cannot use %s (want FORMAT:WIDTHxHEIGHT:PATH with a raw YUY2, NV12 or I420 "
-                            "file of at least one frame, in one of the benchmarked sizes)\n",
+            fprintf(stderr,
+                    "vistrel_bench: cannot use %s (want FORMAT:WIDTHxHEIGHT:PATH with a raw YUY2, NV12 or I420 "
+                    "file of at least one frame, in one of the benchmarked sizes)\n",
                     argument.constData());
             return false;
         }

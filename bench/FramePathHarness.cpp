@@ -2,10 +2,10 @@
 
 #include "camera/CameraSource.h"
 #include "camera/CaptureSession.h"
-#include "vcam/VirtualCameraLink.h"
 #include "camera/SampleImage.h"
 #include "vcam/FrameSize.h"
 #include "vcam/PixelBuffer.h"
+#include "vcam/VirtualCameraLink.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
 
 #include <QCoreApplication>
@@ -114,8 +114,8 @@ LinkedController::LinkedController(FrameWriting writing)
 
 bool LinkedController::startCamera(GstCaps *cameraCaps)
 {
-    m_camera = std::make_unique<SyntheticCamera>(QStringLiteral("Synthetic camera"),
-                                                 SyntheticCamera::pushSourceDescription());
+    m_camera =
+        std::make_unique<SyntheticCamera>(QStringLiteral("Synthetic camera"), SyntheticCamera::pushSourceDescription());
     m_controller->cameraSource().configureCapture(m_camera->device());
     if (!m_camera->lastSource())
         return false;

@@ -9,9 +9,9 @@
 #include "SimulatedExtension.h"
 #include "TestHome.h"
 #include "TestServices.h"
-#include "ui/MainWindowController.h"
 #include "bench/FramePathHarness.h"
 #include "bench/SyntheticCamera.h"
+#include "ui/MainWindowController.h"
 #include "ui/ViewController.h"
 
 #include <QApplication>
@@ -165,12 +165,12 @@ int run(const Options &options)
         }).join();
     }
 
-    std::printf("# gate %s, camera %s, %d s, reader every %d ms\n", options.gateOpen ? "open (sc=1)" : "closed (sc=0)",
-                options.camera.isEmpty() ? "none"
-                                         : qPrintable(QStringLiteral("%1x%2 YUYV 30 fps")
-                                                          .arg(options.camera.width())
-                                                          .arg(options.camera.height())),
-                options.seconds, options.readerMs);
+    std::printf(
+        "# gate %s, camera %s, %d s, reader every %d ms\n", options.gateOpen ? "open (sc=1)" : "closed (sc=0)",
+        options.camera.isEmpty()
+            ? "none"
+            : qPrintable(QStringLiteral("%1x%2 YUYV 30 fps").arg(options.camera.width()).arg(options.camera.height())),
+        options.seconds, options.readerMs);
     std::printf("%8s %10s %12s %12s %10s %9s\n", "time s", "app CPU %", "camera CPU %", "reader CPU %", "RSS MB",
                 "frames");
     std::fflush(stdout);
@@ -202,8 +202,8 @@ int run(const Options &options)
         else
             appPercentAfterWarmUp += appPercent; // the first interval holds the start-up
         peakRss = std::max(peakRss, lastRss);
-        std::printf("%8.0f %10.2f %12.2f %12.2f %10.1f %9d\n", now.wall, appPercent, cameraPercent, readerPercent, lastRss,
-                    extension.queue ? extension.queue->framesTaken() : 0);
+        std::printf("%8.0f %10.2f %12.2f %12.2f %10.1f %9d\n", now.wall, appPercent, cameraPercent, readerPercent,
+                    lastRss, extension.queue ? extension.queue->framesTaken() : 0);
         std::fflush(stdout);
         previous = now;
         if (now.wall + options.interval / 2.0 >= options.seconds)
@@ -239,8 +239,9 @@ int main(int argc, char **argv)
     QApplication::setQuitOnLastWindowClosed(false);
     vistrel::bench::Options options;
     if (!vistrel::bench::parse(QCoreApplication::arguments(), options)) {
-        std::fprintf(stderr, "usage: vistrel_soak [--seconds=60] [--interval=10] [--gate=closed|open] "
-                             "[--camera=none|WIDTHxHEIGHT] [--reader-ms=33]\n");
+        std::fprintf(stderr,
+                     "usage: vistrel_soak [--seconds=60] [--interval=10] [--gate=closed|open] "
+                     "[--camera=none|WIDTHxHEIGHT] [--reader-ms=33]\n");
         return 2;
     }
     return vistrel::bench::run(options);

@@ -32,8 +32,8 @@ GstElement *describedDeviceCreateElement(GstDevice *device, const gchar *name)
     // One element stands as it is (so an appsrc can be fed); a chain becomes a bin
     // with its open end as the source pad, as a camera's source bin would be.
     GstElement *element = std::strchr(self->description, '!')
-                              ? gst_parse_bin_from_description(self->description, TRUE, &error)
-                              : gst_parse_launch(self->description, &error);
+        ? gst_parse_bin_from_description(self->description, TRUE, &error)
+        : gst_parse_launch(self->description, &error);
     if (error) {
         g_printerr("synthetic camera: %s\n", error->message);
         g_clear_error(&error);
@@ -70,10 +70,8 @@ void described_device_init(DescribedDevice *self)
 const char *rawFormat(CameraFormat format)
 {
     switch (format) {
-    case CameraFormat::YUY2:
-        return "YUY2";
-    case CameraFormat::NV12:
-        return "NV12";
+    case CameraFormat::YUY2: return "YUY2";
+    case CameraFormat::NV12: return "NV12";
     case CameraFormat::I420:
     case CameraFormat::MJPEG: // webcams' MJPEG is YUV; jpegenc keeps 4:2:0 from I420
         return "I420";
@@ -151,8 +149,8 @@ SyntheticCamera::SyntheticCamera(const QString &name, const QString &sourceDescr
 {
     GstCaps *caps = gst_caps_from_string("video/x-raw");
     auto *device = static_cast<DescribedDevice *>(g_object_new(described_device_get_type(), "display-name",
-                                                                name.toUtf8().constData(), "device-class",
-                                                                "Video/Source", "caps", caps, nullptr));
+                                                               name.toUtf8().constData(), "device-class",
+                                                               "Video/Source", "caps", caps, nullptr));
     gst_caps_unref(caps);
     device->description = g_strdup(sourceDescription.toUtf8().constData());
     gst_object_ref_sink(device);

@@ -7,14 +7,12 @@
 
 namespace vistrel::camera {
 
-V4l2CameraAuthorization::V4l2CameraAuthorization(QString devRoot)
-    : m_devRoot(std::move(devRoot))
-{
-}
+V4l2CameraAuthorization::V4l2CameraAuthorization(QString devRoot) : m_devRoot(std::move(devRoot)) {}
 
 int V4l2CameraAuthorization::authorizationStatus()
 {
-    const QStringList nodes = QDir(m_devRoot).entryList({QStringLiteral("video*")}, QDir::System | QDir::Files | QDir::NoDotAndDotDot);
+    const QStringList nodes =
+        QDir(m_devRoot).entryList({QStringLiteral("video*")}, QDir::System | QDir::Files | QDir::NoDotAndDotDot);
     int openable = 0;
     for (const QString &node : nodes) {
         const QByteArray path = QFile::encodeName(m_devRoot + QLatin1Char('/') + node);

@@ -19,8 +19,7 @@ CameraSource::CameraSource(DeviceDiscovery *discovery, QSize largestPicture, std
                            std::function<bool()> streaming, QObject *parent)
     : QObject(parent), m_discovery(discovery), m_largestPicture(largestPicture), m_held(std::move(held)),
       m_streaming(std::move(streaming))
-{
-}
+{}
 
 CameraSource::~CameraSource() = default;
 

@@ -17,8 +17,7 @@ public:
     // for the receiver at all, so that frames nobody needs cost no conversion.
     explicit FrameGate(std::function<void(GstSample *)> receiver, std::function<bool()> wanted = nullptr)
         : m_receiver(std::move(receiver)), m_wanted(std::move(wanted))
-    {
-    }
+    {}
 
     // The receiver's handle on a new gate: releasing the handle closes the gate, even
     // while streaming threads still hold senders.

@@ -7,8 +7,7 @@ namespace vistrel::camera {
 
 FreezeEffect::FreezeEffect(Timers &timers)
     : m_freezeTimer(timers.repeating(std::chrono::seconds(1), Qt::CoarseTimer, [this] { freezeEffect(); }))
-{
-}
+{}
 
 FreezeEffect::~FreezeEffect() = default;
 

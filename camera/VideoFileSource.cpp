@@ -31,8 +31,7 @@ QString notAMovieFile(const QString &path)
 
 VideoFileSource::VideoFileSource(AlertPresenter *alerts, Timers &timers, QObject *parent)
     : QObject(parent), m_alerts(alerts), m_timers(timers)
-{
-}
+{}
 
 VideoFileSource::~VideoFileSource() = default;
 

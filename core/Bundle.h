@@ -10,8 +10,8 @@ inline const QString kBundleIdentifier = QStringLiteral("app.vistrel.Vistrel");
 // <executable>/../share/vistrel both in the build tree and in an installation.
 struct Bundle
 {
-    QString executablePath;  // empty when unknown
-    QString shareDir;        // .../share/vistrel
+    QString executablePath; // empty when unknown
+    QString shareDir;       // .../share/vistrel
     QString bundleIdentifier;
     QVariantMap infoDictionary; // CFBundleVersion, CFBundleShortVersionString, CFBundleIdentifier
 

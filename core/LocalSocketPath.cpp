@@ -33,7 +33,7 @@ QString describeOwnerAndMode(const struct stat &st)
 // A real folder (not a link to one) of this user that nobody else may enter.
 bool isPrivateFolder(const QString &path, QString *why)
 {
-    struct stat st {};
+    struct stat st = {};
     if (::lstat(QFile::encodeName(path).constData(), &st) != 0) {
         *why = errorText(errno);
         return false;
@@ -75,14 +75,14 @@ QString privateRuntimeFolder()
 bool isOwnSocket(const QString &path, QString *why)
 {
     QString reason;
-    struct stat st {};
+    struct stat st = {};
     if (::lstat(QFile::encodeName(path).constData(), &st) != 0)
         reason = errorText(errno);
     else if (!S_ISSOCK(st.st_mode))
         reason = S_ISDIR(st.st_mode) ? QStringLiteral("a directory")
-                 : S_ISREG(st.st_mode) ? QStringLiteral("a regular file")
-                 : S_ISLNK(st.st_mode) ? QStringLiteral("a symbolic link")
-                                       : QStringLiteral("not a socket");
+            : S_ISREG(st.st_mode)    ? QStringLiteral("a regular file")
+            : S_ISLNK(st.st_mode)    ? QStringLiteral("a symbolic link")
+                                     : QStringLiteral("not a socket");
     else if (st.st_uid != ::geteuid())
         reason = QStringLiteral("a socket ") + describeOwnerAndMode(st);
     if (why)
@@ -97,7 +97,7 @@ bool claimSocketPath(const QString &path, QString *why)
             *why = QStringLiteral("the path is too long for a socket");
         return false;
     }
-    struct stat st {};
+    struct stat st = {};
     if (::lstat(QFile::encodeName(path).constData(), &st) != 0 && errno == ENOENT)
         return true;
     if (!isOwnSocket(path, why))

@@ -27,13 +27,15 @@ void NotificationCenter::removeObserver(Token token)
 
 void NotificationCenter::removeObserver(QObject *context, const QString &name)
 {
-    std::erase_if(m_observers, [&](const Observer &o) { return o.hasContext && o.context == context && o.name == name; });
+    std::erase_if(m_observers,
+                  [&](const Observer &o) { return o.hasContext && o.context == context && o.name == name; });
 }
 
 void NotificationCenter::post(const QString &name)
 {
     if (QThread::currentThread() != thread()) {
-        QMetaObject::invokeMethod(this, [this, name] { deliver(name); }, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(
+            this, [this, name] { deliver(name); }, Qt::QueuedConnection);
         return;
     }
     deliver(name);
@@ -41,8 +43,8 @@ void NotificationCenter::post(const QString &name)
 
 int NotificationCenter::observerCount(const QString &name) const
 {
-    return static_cast<int>(std::count_if(m_observers.begin(), m_observers.end(),
-                                          [&](const Observer &o) { return o.name == name; }));
+    return static_cast<int>(
+        std::count_if(m_observers.begin(), m_observers.end(), [&](const Observer &o) { return o.name == name; }));
 }
 
 void NotificationCenter::deliver(const QString &name)
@@ -54,8 +56,9 @@ void NotificationCenter::deliver(const QString &name)
         if (o.name == name)
             due.emplace_back(o.token, o.handler);
     for (auto &[token, handler] : due) {
-        const bool stillObserving = std::any_of(m_observers.begin(), m_observers.end(),
-                                                [t = token](const Observer &o) { return o.token == t && (!o.hasContext || o.context); });
+        const bool stillObserving = std::any_of(m_observers.begin(), m_observers.end(), [t = token](const Observer &o) {
+            return o.token == t && (!o.hasContext || o.context);
+        });
         if (stillObserving)
             handler();
     }

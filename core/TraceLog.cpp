@@ -43,12 +43,12 @@ QString traceTimestamp(const QDateTime &when)
 
 void traceLog(const QString &message)
 {
-    const QString line = QLatin1Char('[') + traceTimestamp(QDateTime::currentDateTimeUtc())
-                         + QStringLiteral("] ") + message + QLatin1Char('\n');
+    const QString line = QLatin1Char('[') + traceTimestamp(QDateTime::currentDateTimeUtc()) + QStringLiteral("] ")
+        + message + QLatin1Char('\n');
     const QByteArray bytes = line.toUtf8();
     const QByteArray path = QFile::encodeName(traceLogPath());
 
-    struct stat st {};
+    struct stat st = {};
     if (::stat(path.constData(), &st) == 0) {
         // Existing file: append, never create or truncate here.
         const int fd = ::open(path.constData(), O_WRONLY | O_APPEND | O_CLOEXEC);

@@ -60,15 +60,13 @@ QByteArray withValue(const QByteArray &content, const QByteArray &key, const QBy
 } // namespace
 
 UserDefaults::UserDefaults()
-    : m_settings(std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope,
-                                             QStringLiteral("Vistrel"), QStringLiteral("Vistrel")))
-{
-}
+    : m_settings(std::make_unique<QSettings>(QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Vistrel"),
+                                             QStringLiteral("Vistrel")))
+{}
 
 UserDefaults::UserDefaults(const QString &iniFilePath)
     : m_settings(std::make_unique<QSettings>(iniFilePath, QSettings::NativeFormat))
-{
-}
+{}
 
 UserDefaults &UserDefaults::standard()
 {
@@ -103,15 +101,13 @@ qint64 UserDefaults::integerForKey(const QString &key) const
     case QMetaType::Int:
     case QMetaType::LongLong:
     case QMetaType::UInt:
-    case QMetaType::ULongLong:
-        return value.toLongLong();
+    case QMetaType::ULongLong: return value.toLongLong();
     case QMetaType::QString: {
         bool ok = false;
         const qint64 parsed = value.toString().toLongLong(&ok, 10);
         return ok ? parsed : 0;
     }
-    default:
-        return 0;
+    default: return 0;
     }
 }
 
@@ -136,7 +132,8 @@ void UserDefaults::store(const QString &key, const QByteArray &text)
     m_written.insert(key, QString::fromLatin1(text));
     const QString path = m_settings->fileName();
     const auto fail = [&](const QString &why) {
-        systemLog(QStringLiteral("settings: ") + key + QStringLiteral(" not saved to ") + path + QStringLiteral(": ") + why);
+        systemLog(QStringLiteral("settings: ") + key + QStringLiteral(" not saved to ") + path + QStringLiteral(": ")
+                  + why);
     };
     QFile current(path);
     QByteArray content;

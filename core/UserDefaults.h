@@ -1,8 +1,8 @@
 #pragma once
 #include <QHash>
 #include <QSettings>
-#include <QVariant>
 #include <QString>
+#include <QVariant>
 #include <memory>
 
 namespace vistrel {

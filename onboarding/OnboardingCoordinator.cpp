@@ -1,8 +1,8 @@
 #include "onboarding/OnboardingCoordinator.h"
 
-#include "core/WindowPlacement.h"
 #include "core/Platform.h"
 #include "core/TraceLog.h"
+#include "core/WindowPlacement.h"
 #include "onboarding/OnboardingView.h"
 
 #include <QScreen>
@@ -49,8 +49,9 @@ void OnboardingCoordinator::showOnboarding(const Services &services,
     // (its answer stores the extension record and relaunches the app); a second launch
     // shows the window again (AppDelegate::applicationShouldHandleReopen), and quitting
     // or logging out later resets the completion flag as any termination does.
-    auto *window = new QWidget(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint
-                                            | Qt::WindowCloseButtonHint | Qt::WindowMinimizeButtonHint);
+    auto *window = new QWidget(nullptr,
+                               Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowCloseButtonHint
+                                   | Qt::WindowMinimizeButtonHint);
     window->setObjectName(QStringLiteral("onboardingWindow"));
     window->setWindowTitle(QStringLiteral("Welcome to Vistrel"));
     window->setFixedSize(600, 640);

@@ -2,8 +2,8 @@
 #include "core/Services.h"
 
 #include <QObject>
-#include <QWidget>
 #include <QPointer>
+#include <QWidget>
 #include <functional>
 #include <memory>
 

@@ -1,8 +1,8 @@
 #include "onboarding/OnboardingManager.h"
 
+#include "camera/CameraAuthorization.h"
 #include "core/Services.h"
 #include "core/UserDefaults.h"
-#include "camera/CameraAuthorization.h"
 #include "sysext/ExtensionProbes.h"
 
 namespace vistrel {
@@ -10,13 +10,11 @@ namespace vistrel {
 OnboardingManager::OnboardingManager(UserDefaults &defaults, camera::CameraAuthorization &authorization,
                                      sysext::ExtensionProbes &probes)
     : m_defaults(defaults), m_authorization(authorization), m_probes(probes)
-{
-}
+{}
 
 OnboardingManager::OnboardingManager(const Services &services)
     : OnboardingManager(*services.defaults, *services.cameraAuthorization, *services.extensionProbes)
-{
-}
+{}
 
 bool OnboardingManager::isOnboardingNeeded() const
 {

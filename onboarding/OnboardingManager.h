@@ -3,8 +3,12 @@
 namespace vistrel {
 class UserDefaults;
 struct Services;
-namespace camera { class CameraAuthorization; }
-namespace sysext { class ExtensionProbes; }
+namespace camera {
+class CameraAuthorization;
+}
+namespace sysext {
+class ExtensionProbes;
+}
 
 inline constexpr const char *kOnboardingCompleteKey = "onboardingComplete";
 inline constexpr const char *kExtensionInstalledKey = "extensionInstalled";

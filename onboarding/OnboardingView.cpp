@@ -2,9 +2,9 @@
 
 #include "core/Timers.h"
 
+#include "camera/CameraAuthorization.h"
 #include "core/NotificationCenter.h"
 #include "core/Platform.h"
-#include "camera/CameraAuthorization.h"
 #include "onboarding/OnboardingManager.h"
 #include "sysext/CameraExtensionHelper.h"
 #include "sysext/ExtensionManager.h"
@@ -78,8 +78,7 @@ QString colourName(const QColor &colour)
 
 } // namespace
 
-StepRow::StepRow(const QString &symbol, const QString &title, QWidget *parent)
-    : QWidget(parent), m_symbol(symbol)
+StepRow::StepRow(const QString &symbol, const QString &title, QWidget *parent) : QWidget(parent), m_symbol(symbol)
 {
     auto *layout = new QHBoxLayout(this);
     layout->setContentsMargins(14, 12, 14, 12);
@@ -112,7 +111,8 @@ StepRow::StepRow(const QString &symbol, const QString &title, QWidget *parent)
     m_button->setObjectName(QStringLiteral("actionButton"));
     m_button->setFlat(true);
     m_button->setCursor(Qt::PointingHandCursor);
-    m_button->setStyleSheet(QStringLiteral("QPushButton { color: %1; border: none; padding: 4px 6px; }").arg(colourName(kBlue)));
+    m_button->setStyleSheet(
+        QStringLiteral("QPushButton { color: %1; border: none; padding: 4px 6px; }").arg(colourName(kBlue)));
     layout->addWidget(m_doneMark, 0, Qt::AlignVCenter);
     layout->addWidget(m_button, 0, Qt::AlignVCenter);
     setDone(false);
@@ -259,10 +259,11 @@ void OnboardingView::refreshExtensionState()
 void OnboardingView::startExtensionRefreshTimer()
 {
     if (!_extensionRefreshTimer)
-        _extensionRefreshTimer = timersOr(m_services.timers).repeating(std::chrono::seconds(2), Qt::CoarseTimer, [this] {
-            _cameraPermissionGranted = cameraAuthorized();
-            refreshExtensionState();
-        });
+        _extensionRefreshTimer =
+            timersOr(m_services.timers).repeating(std::chrono::seconds(2), Qt::CoarseTimer, [this] {
+                _cameraPermissionGranted = cameraAuthorized();
+                refreshExtensionState();
+            });
     _extensionRefreshTimer->start(); // from now: a timer already running starts its interval again
 }
 

@@ -19,8 +19,7 @@ QString ExtensionRecord::description() const
 
 CameraExtensionHelper::CameraExtensionHelper(const Bundle &bundle, Roots roots)
     : m_bundle(bundle), m_roots(std::move(roots))
-{
-}
+{}
 
 std::optional<QString> CameraExtensionHelper::extensionIdentifier(const Bundle &bundle)
 {
@@ -32,7 +31,8 @@ std::optional<QString> CameraExtensionHelper::extensionIdentifier(const Bundle &
 std::vector<ExtensionRecord> CameraExtensionHelper::extensionRecords() const
 {
     const bool moduleLive =
-        QFileInfo(m_roots.sysRoot + QStringLiteral("/module/") + QString::fromLatin1(files::kModuleName.data())).isDir();
+        QFileInfo(m_roots.sysRoot + QStringLiteral("/module/") + QString::fromLatin1(files::kModuleName.data()))
+            .isDir();
     const QDir modprobeDir(m_roots.etcRoot + QStringLiteral("/modprobe.d"));
     std::vector<ExtensionRecord> records;
     for (const QString &name : modprobeDir.entryList({QStringLiteral("*.conf")}, QDir::Files, QDir::Name)) {
@@ -43,8 +43,8 @@ std::vector<ExtensionRecord> CameraExtensionHelper::extensionRecords() const
         const auto marker = files::parseMarker(std::string_view(firstLine.constData(), firstLine.size()));
         if (!marker)
             continue;
-        ExtensionRecord record{QString::fromStdString(marker->identifier), {}, QString::fromStdString(marker->version),
-                               file.fileName()};
+        ExtensionRecord record{
+            QString::fromStdString(marker->identifier), {}, QString::fromStdString(marker->version), file.fileName()};
         if (marker->state == files::kStateInstalled)
             record.state = moduleLive ? kStateActivatedEnabled : kStateActivatedWaitingForReboot;
         else if (moduleLive)

@@ -24,7 +24,8 @@ ExtensionBundle readExtensionBundle(const QString &path)
 {
     ExtensionBundle bundle;
     bundle.path = path;
-    QFile manifestFile(path + QLatin1Char('/') + QString::fromLatin1(files::kManifestName.data(), files::kManifestName.size()));
+    QFile manifestFile(path + QLatin1Char('/')
+                       + QString::fromLatin1(files::kManifestName.data(), files::kManifestName.size()));
     if (!manifestFile.open(QIODevice::ReadOnly))
         return bundle;
     const QByteArray text = manifestFile.read(64 * 1024);

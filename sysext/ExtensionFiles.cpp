@@ -84,7 +84,8 @@ bool isListOf(std::string_view value, Item item)
 
 bool isNumber(std::string_view text)
 {
-    return !text.empty() && text.size() <= 9 && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    return !text.empty() && text.size() <= 9
+        && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
 // What v4l2loopback takes as each option, as far as the camera needs it.
@@ -96,9 +97,9 @@ bool isValidOptionValue(std::string_view key, std::string_view value)
         return isListOf(value, [](std::string_view label) {
             // A V4L2 device name holds 31 characters; a leading '-' would read as an option of v4l2loopback-ctl.
             return !label.empty() && label.size() <= 31 && label.front() != '-'
-                   && std::all_of(label.begin(), label.end(), [](char c) {
-                          return isAsciiAlnum(c) || std::string_view("_-.+:@").find(c) != std::string_view::npos;
-                      });
+                && std::all_of(label.begin(), label.end(), [](char c) {
+                       return isAsciiAlnum(c) || std::string_view("_-.+:@").find(c) != std::string_view::npos;
+                   });
         });
     }
     if (key == "exclusive_caps")
@@ -114,7 +115,8 @@ bool isValidIdentifier(std::string_view identifier)
 {
     if (identifier.empty() || identifier.size() > 200)
         return false;
-    if (!((identifier.front() >= 'a' && identifier.front() <= 'z') || (identifier.front() >= 'A' && identifier.front() <= 'Z')))
+    if (!((identifier.front() >= 'a' && identifier.front() <= 'z')
+          || (identifier.front() >= 'A' && identifier.front() <= 'Z')))
         return false;
     char previous = 0;
     for (const char c : identifier) {
@@ -210,7 +212,7 @@ bool isSafeModulesLoadConfig(std::string_view text, std::string *why)
 std::string markerLine(const Marker &marker)
 {
     return std::string(kMarkerPrefix) + "identifier=" + marker.identifier + " version=" + marker.version
-           + " state=" + marker.state;
+        + " state=" + marker.state;
 }
 
 std::optional<Marker> parseMarker(std::string_view fileText)

@@ -12,7 +12,7 @@ enum ExtensionErrorCode : int {
     UnsupportedParentBundleLocation = 3, // not installed on this computer (build tree, helper or policy missing)
     ModuleNotInstalled = 4,              // the v4l2loopback kernel module is missing
     ForbiddenBySystemPolicy = 10,
-    RequestCanceled = 11,                // the password prompt was dismissed
+    RequestCanceled = 11, // the password prompt was dismissed
     AuthorizationRequired = 13,
 };
 

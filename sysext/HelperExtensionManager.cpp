@@ -34,8 +34,8 @@ std::optional<files::Marker> markerOf(const QByteArray &content)
 // The exact file the helper writes: its record line, then the bundled configuration.
 QByteArray expectedInstalledFile(const QString &identifier, const QString &version, const QString &bundledFile)
 {
-    const std::string marker = files::markerLine(
-        {identifier.toStdString(), version.toStdString(), std::string(files::kStateInstalled)});
+    const std::string marker =
+        files::markerLine({identifier.toStdString(), version.toStdString(), std::string(files::kStateInstalled)});
     return QByteArray::fromStdString(marker) + '\n' + readAll(bundledFile);
 }
 
@@ -62,8 +62,7 @@ HelperExtensionManager::Config HelperExtensionManager::configFor(const Bundle &b
 
 HelperExtensionManager::HelperExtensionManager(Config config, QObject *parent)
     : QObject(parent), m_config(std::move(config))
-{
-}
+{}
 
 void HelperExtensionManager::submitRequest(ExtensionRequest request)
 {
@@ -101,30 +100,33 @@ void HelperExtensionManager::fail(const ExtensionRequest &request, int code, con
 
 bool HelperExtensionManager::alreadyDone(const ExtensionRequest &request, const QString &bundledVersion) const
 {
-    const QString modprobeFile = installedFilePath(m_config.roots.etcRoot + QStringLiteral("/modprobe.d"), request.identifier);
+    const QString modprobeFile =
+        installedFilePath(m_config.roots.etcRoot + QStringLiteral("/modprobe.d"), request.identifier);
     const QString modulesLoadFile =
         installedFilePath(m_config.roots.etcRoot + QStringLiteral("/modules-load.d"), request.identifier);
     if (request.kind == RequestKind::Deactivation)
-        return !QFileInfo::exists(modprobeFile) && !QFileInfo::exists(modulesLoadFile) && !cameraPresent(m_config.roots);
+        return !QFileInfo::exists(modprobeFile) && !QFileInfo::exists(modulesLoadFile)
+            && !cameraPresent(m_config.roots);
 
     const QString bundled = m_config.extensionsDir + QLatin1Char('/') + request.identifier + QLatin1Char('/');
     const auto name = [](std::string_view text) { return QString::fromLatin1(text.data(), text.size()); };
     return readAll(modprobeFile)
-               == expectedInstalledFile(request.identifier, bundledVersion, bundled + name(files::kModprobeConfigName))
-           && readAll(modulesLoadFile)
-                  == expectedInstalledFile(request.identifier, bundledVersion, bundled + name(files::kModulesLoadConfigName))
-           && cameraPresent(m_config.roots);
+        == expectedInstalledFile(request.identifier, bundledVersion, bundled + name(files::kModprobeConfigName))
+        && readAll(modulesLoadFile)
+        == expectedInstalledFile(request.identifier, bundledVersion, bundled + name(files::kModulesLoadConfigName))
+        && cameraPresent(m_config.roots);
 }
 
 std::optional<QString> HelperExtensionManager::installationProblem() const
 {
-    struct stat info {};
+    struct stat info = {};
     const QByteArray helper = QFile::encodeName(m_config.helperPath);
     if (::stat(helper.constData(), &info) != 0 || !S_ISREG(info.st_mode))
-        return QStringLiteral("The camera extension helper is not installed at ") + m_config.helperPath + QLatin1Char('.');
+        return QStringLiteral("The camera extension helper is not installed at ") + m_config.helperPath
+            + QLatin1Char('.');
     if (info.st_uid != m_config.helperOwner || (info.st_mode & (S_IWGRP | S_IWOTH)) != 0)
         return QStringLiteral("The camera extension helper at ") + m_config.helperPath
-               + QStringLiteral(" is not installed by the administrator (Vistrel runs from its build folder).");
+            + QStringLiteral(" is not installed by the administrator (Vistrel runs from its build folder).");
     if (!QFileInfo(m_config.policyPath).isFile())
         return QStringLiteral("The polkit policy is not installed at ") + m_config.policyPath + QLatin1Char('.');
     return std::nullopt;
@@ -135,7 +137,8 @@ void HelperExtensionManager::run(const ExtensionRequest &request)
     const ExtensionBundle bundled = readExtensionBundle(m_config.extensionsDir + QLatin1Char('/') + request.identifier);
     if (bundled.identifier != request.identifier || bundled.shortVersion.isEmpty()) {
         fail(request, UnknownError,
-             QStringLiteral("The camera extension ") + request.identifier + QStringLiteral(" is not part of this installation."));
+             QStringLiteral("The camera extension ") + request.identifier
+                 + QStringLiteral(" is not part of this installation."));
         return;
     }
     if (alreadyDone(request, bundled.shortVersion)) {
@@ -171,9 +174,10 @@ void HelperExtensionManager::startHelper(const ExtensionRequest &request)
 {
     auto *process = new QProcess(this);
     process->setProgram(m_config.pkexecPath);
-    process->setArguments({m_config.helperPath,
-                           request.kind == RequestKind::Activation ? QStringLiteral("activate") : QStringLiteral("deactivate"),
-                           request.identifier});
+    process->setArguments(
+        {m_config.helperPath,
+         request.kind == RequestKind::Activation ? QStringLiteral("activate") : QStringLiteral("deactivate"),
+         request.identifier});
     process->setStandardInputFile(QProcess::nullDevice());
     connect(process, &QProcess::finished, this, [this, request, process] {
         helperFinished(request, process);
@@ -223,8 +227,8 @@ void HelperExtensionManager::helperFinished(const ExtensionRequest &request, QPr
                  + (errors.isEmpty() ? QStringLiteral(".") : QStringLiteral(": ") + errors));
     } else {
         const QString how = process->exitStatus() == QProcess::CrashExit
-                                ? QStringLiteral("it crashed")
-                                : QStringLiteral("exit status ") + QString::number(process->exitCode());
+            ? QStringLiteral("it crashed")
+            : QStringLiteral("exit status ") + QString::number(process->exitCode());
         fail(request, UnknownError,
              QStringLiteral("The camera extension helper ended without an answer (") + how + QLatin1Char(')')
                  + (errors.isEmpty() ? QString() : QStringLiteral(": ") + errors.section(QLatin1Char('\n'), -1)));

@@ -11,8 +11,7 @@ namespace vistrel {
 ExtensionRequests::ExtensionRequests(const Services &services, std::function<void(const QString &)> showMessage,
                                      QObject *parent)
     : QObject(parent), m_services(services), m_showMessage(std::move(showMessage))
-{
-}
+{}
 
 namespace {
 
@@ -61,13 +60,15 @@ void ExtensionRequests::warnIfExtensionNotActivated()
 
 int ExtensionRequests::actionForReplacingExtension(const QString &existingVersion, const QString &newVersion)
 {
-    m_showMessage(QStringLiteral("Replacing extension version ") + existingVersion + QStringLiteral(" with ") + newVersion);
+    m_showMessage(QStringLiteral("Replacing extension version ") + existingVersion + QStringLiteral(" with ")
+                  + newVersion);
     return sysext::Replace;
 }
 
 void ExtensionRequests::requestNeedsUserApproval()
 {
-    m_showMessage(QStringLiteral("Extension needs user approval and please restart the Vistrel to finish activating the camera"));
+    m_showMessage(
+        QStringLiteral("Extension needs user approval and please restart the Vistrel to finish activating the camera"));
 }
 
 void ExtensionRequests::requestDidFinishWithResult(int result)
@@ -75,7 +76,7 @@ void ExtensionRequests::requestDidFinishWithResult(int result)
     m_showMessage(QStringLiteral("Request finished with result: ") + QString::number(result));
     if (result != sysext::Completed) {
         m_showMessage(m_activating ? QStringLiteral("Please reboot to finish activating the Dorvane camera")
-                               : QStringLiteral("Please Reboot to finish deactivating the Dorvane camera"));
+                                   : QStringLiteral("Please Reboot to finish deactivating the Dorvane camera"));
         return;
     }
     if (m_activating) {
@@ -88,8 +89,9 @@ void ExtensionRequests::requestDidFinishWithResult(int result)
 
 void ExtensionRequests::requestDidFailWithError(const sysext::ExtensionRequestError &)
 {
-    m_showMessage(m_activating ? QStringLiteral("Failed to activate the camera, install Vistrel on this computer first :)")
-                           : QStringLiteral("Failed to deactivate the camera"));
+    m_showMessage(m_activating
+                      ? QStringLiteral("Failed to activate the camera, install Vistrel on this computer first :)")
+                      : QStringLiteral("Failed to deactivate the camera"));
 }
 
 } // namespace vistrel

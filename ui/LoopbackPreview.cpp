@@ -43,8 +43,8 @@ void LoopbackPreview::followBox()
 
 bool LoopbackPreview::eventFilter(QObject *watched, QEvent *event)
 {
-    if (event->type() == QEvent::Move || event->type() == QEvent::Resize || event->type() == QEvent::Show ||
-        event->type() == QEvent::LayoutRequest)
+    if (event->type() == QEvent::Move || event->type() == QEvent::Resize || event->type() == QEvent::Show
+        || event->type() == QEvent::LayoutRequest)
         followBox();
     return QWidget::eventFilter(watched, event);
 }

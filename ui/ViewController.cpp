@@ -35,7 +35,8 @@ void bindOutlet(ViewController *controller, QPointer<T> &outlet, const char *nam
 } // namespace
 
 ViewController::ViewController(const Services &services, QWidget *parent)
-    : QWidget(parent), m_services(services), m_effects(std::make_unique<camera::FreezeEffect>(timersOr(services.timers))),
+    : QWidget(parent), m_services(services),
+      m_effects(std::make_unique<camera::FreezeEffect>(timersOr(services.timers))),
       m_movie(std::make_unique<camera::VideoFileSource>(services.alerts, timersOr(services.timers))),
       m_link(std::make_unique<vcam::VirtualCameraLink>(services.virtualCamera, timersOr(services.timers))),
       m_requests(std::make_unique<ExtensionRequests>(m_services, [this](const QString &text) { showMessage(text); }))
@@ -273,8 +274,10 @@ void ViewController::toggleWindow()
 
 void ViewController::closeApp(QObject *)
 {
-    const AlertSpec confirmation{QStringLiteral("Exit Vistrel"), QStringLiteral("Are you sure you want to exit Vistrel?"),
-                                 AlertStyle::Warning, {QStringLiteral("Exit"), QStringLiteral("Cancel")}};
+    const AlertSpec confirmation{QStringLiteral("Exit Vistrel"),
+                                 QStringLiteral("Are you sure you want to exit Vistrel?"),
+                                 AlertStyle::Warning,
+                                 {QStringLiteral("Exit"), QStringLiteral("Cancel")}};
     if (m_services.alerts->runModal(confirmation) == 0)
         m_services.application->terminate();
 }

@@ -19,7 +19,7 @@ class VideoFileSource;
 namespace vcam {
 class PixelBuffer;
 class VirtualCameraLink;
-}
+} // namespace vcam
 class ExtensionRequests;
 class LoopbackPreview;
 class Spinner;

@@ -20,7 +20,7 @@ namespace {
 bool isWebAddress(const QUrl &url)
 {
     return url.isValid() && (url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https"))
-           && !url.host().isEmpty();
+        && !url.host().isEmpty();
 }
 
 } // namespace
@@ -165,8 +165,7 @@ void UpdateChecker::evaluate(const Services &services, qint64 current, const std
         showUpdateRequiredAlert(services, *response);
         return;
     }
-    if (current < response->latestBuild
-        && services.defaults->integerForKey(dismissedBuildKey) < response->latestBuild)
+    if (current < response->latestBuild && services.defaults->integerForKey(dismissedBuildKey) < response->latestBuild)
         showUpdateAvailableAlert(services, *response);
 }
 
@@ -192,7 +191,7 @@ void UpdateChecker::showUpdateRequiredAlert(const Services &services, const Late
     AlertSpec alert;
     alert.title = QStringLiteral("Update required");
     alert.text = QStringLiteral("This version of Vistrel is no longer supported. Please install Vistrel ")
-                 + response.latestShortVersion + QStringLiteral(" to continue.");
+        + response.latestShortVersion + QStringLiteral(" to continue.");
     alert.style = AlertStyle::Critical;
     alert.buttons = {QStringLiteral("Download"), QStringLiteral("Quit")};
     if (services.alerts->runModal(alert) == 0)

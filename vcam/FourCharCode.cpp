@@ -25,8 +25,10 @@ FourCharCode makeFourCharCode(const QString &text)
 {
     const QByteArray utf8 = text.toUtf8();
     if (perceivedLength(text) != 4 || utf8.size() != 4) {
-        consoleLine(QStringLiteral("FourCharCode: Can't initialize with '") + text +
-                    QStringLiteral("', only printable ASCII allowed. Setting to '" "????" "'."));
+        consoleLine(QStringLiteral("FourCharCode: Can't initialize with '") + text
+                    + QStringLiteral("', only printable ASCII allowed. Setting to '"
+                                     "????"
+                                     "'."));
         return 0x3F3F3F3F;
     }
     FourCharCode code = 0;

@@ -26,10 +26,10 @@ void drawFrame(PixelBuffer &buffer, const QImage &picture, bool mirror)
     // smooth transformation.
     if (!mirror && !picture.isNull() && isBufferLayout(picture.format())
         && buffer.image().format() == QImage::Format_ARGB32_Premultiplied) {
-        const int scaled = libyuv::ARGBScale(picture.constBits(), static_cast<int>(picture.bytesPerLine()),
-                                             picture.width(), picture.height(), buffer.baseAddress(),
-                                             static_cast<int>(buffer.bytesPerRow()), buffer.width(), buffer.height(),
-                                             libyuv::kFilterNone);
+        const int scaled =
+            libyuv::ARGBScale(picture.constBits(), static_cast<int>(picture.bytesPerLine()), picture.width(),
+                              picture.height(), buffer.baseAddress(), static_cast<int>(buffer.bytesPerRow()),
+                              buffer.width(), buffer.height(), libyuv::kFilterNone);
         if (scaled == 0)
             return;
     }

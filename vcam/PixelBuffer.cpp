@@ -89,17 +89,16 @@ struct PixelBufferPool::Shared
 // last shared and weak reference, so a weak_ptr still looking at the block keeps the
 // buffer out. The copy the control block keeps holds the shared state, so the storage
 // and the list are there for as long as the buffer is out.
-template <class T>
+template<class T>
 class PixelBufferPool::SlotAllocator
 {
 public:
     using value_type = T;
 
     SlotAllocator(std::shared_ptr<Shared> shared, Slot *slot) : m_shared(std::move(shared)), m_slot(slot) {}
-    template <class U>
+    template<class U>
     SlotAllocator(const SlotAllocator<U> &other) : m_shared(other.m_shared), m_slot(other.m_slot)
-    {
-    }
+    {}
 
     T *allocate(std::size_t count)
     {
@@ -112,14 +111,14 @@ public:
 
     void deallocate(T *, std::size_t) noexcept { m_shared->giveBack(m_slot); }
 
-    template <class U>
+    template<class U>
     bool operator==(const SlotAllocator<U> &other) const
     {
         return m_slot == other.m_slot;
     }
 
 private:
-    template <class>
+    template<class>
     friend class SlotAllocator;
 
     std::shared_ptr<Shared> m_shared;
@@ -127,12 +126,9 @@ private:
 };
 
 PixelBufferPool::PixelBufferPool(int width, int height, FourCharCode pixelFormat, int bufferCount)
-    : m_pixelFormat(pixelFormat),
-      m_width(width),
-      m_height(height),
+    : m_pixelFormat(pixelFormat), m_width(width), m_height(height),
       m_shared(std::make_shared<Shared>(static_cast<std::size_t>(std::max(bufferCount, 0))))
-{
-}
+{}
 
 int PixelBufferPool::bufferCount() const
 {
@@ -150,7 +146,8 @@ std::shared_ptr<PixelBuffer> PixelBufferPool::createPixelBuffer()
         slot = m_shared->slots.emplace_back(std::make_unique<Slot>(m_width, m_height)).get();
     }
     // The slot owns the buffer; letting go of the last reference only returns the slot.
-    return std::shared_ptr<PixelBuffer>(&slot->buffer, [](PixelBuffer *) {}, SlotAllocator<PixelBuffer>(m_shared, slot));
+    return std::shared_ptr<PixelBuffer>(
+        &slot->buffer, [](PixelBuffer *) {}, SlotAllocator<PixelBuffer>(m_shared, slot));
 }
 
 } // namespace vistrel::vcam

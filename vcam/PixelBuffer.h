@@ -63,7 +63,7 @@ public:
 private:
     struct Slot;
     struct Shared;
-    template <class T>
+    template<class T>
     class SlotAllocator;
 
     FourCharCode m_pixelFormat;

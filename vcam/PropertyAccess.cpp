@@ -30,8 +30,8 @@ std::optional<ObjectID> findDeviceByUID(VirtualCameraSystem &system, const QStri
     const PropertyAddress uidAddress = globalAddress(codes::deviceUID);
     for (const ObjectID device : readObjectList(system, kSystemObject, codes::devices)) {
         // Canonically equal strings match, whatever their Unicode composition.
-        if (readStringProperty(system, device, uidAddress).normalized(QString::NormalizationForm_C) ==
-            uid.normalized(QString::NormalizationForm_C))
+        if (readStringProperty(system, device, uidAddress).normalized(QString::NormalizationForm_C)
+            == uid.normalized(QString::NormalizationForm_C))
             return device;
     }
     return std::nullopt;

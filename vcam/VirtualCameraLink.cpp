@@ -21,8 +21,7 @@ VirtualCameraLink::VirtualCameraLink(VirtualCameraSystem *system, Timers &timers
     : QObject(parent), m_system(system),
       m_timer(timers.repeating(std::chrono::milliseconds(1000 / 30), Qt::PreciseTimer, [this] { fireTimer(); })),
       m_propTimer(timers.repeating(std::chrono::milliseconds(2000), Qt::CoarseTimer, [this] { propertyTimer(); }))
-{
-}
+{}
 
 VirtualCameraLink::~VirtualCameraLink() = default;
 
@@ -71,20 +70,21 @@ bool VirtualCameraLink::virtualCameraReadable()
 
 void VirtualCameraLink::initSink(ObjectID device, ObjectID stream)
 {
-    m_videoDescription =
-        std::make_shared<VideoFormatDescription>(VideoFormatDescription{codes::pixelFormatBGRA, kFrameWidth, kFrameHeight});
+    m_videoDescription = std::make_shared<VideoFormatDescription>(
+        VideoFormatDescription{codes::pixelFormatBGRA, kFrameWidth, kFrameHeight});
 
     std::shared_ptr<SimpleQueue> queue;
-    const Status copied = m_system->copyBufferQueue(stream, [this] { sinkQueueAltered(); }, &queue);
+    const Status copied = m_system->copyBufferQueue(
+        stream, [this] { sinkQueueAltered(); }, &queue);
     if (copied != 0) {
         Q_EMIT message(QStringLiteral("error starting sink"));
         return;
     }
     if (queue) {
         m_sinkQueue = queue;
-        m_bufferPool = std::make_shared<PixelBufferPool>(m_videoDescription->width, m_videoDescription->height,
-                                                         m_videoDescription->codecType,
-                                                         queue->capacity() + kPoolExtraBuffers);
+        m_bufferPool =
+            std::make_shared<PixelBufferPool>(m_videoDescription->width, m_videoDescription->height,
+                                              m_videoDescription->codecType, queue->capacity() + kPoolExtraBuffers);
     }
     const Status started = m_system->startStream(device, stream);
     Q_EMIT message(started != 0 ? QStringLiteral("initSink error startstream") : QStringLiteral("initSink started"));

@@ -5,12 +5,12 @@
 #include "camera/gst/PictureConverter.h"
 #include "camera/gst/PipelineWorker.h"
 
+#include <algorithm>
+#include <chrono>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <gst/video/gstvideopool.h>
 #include <gst/video/video.h>
-#include <algorithm>
-#include <chrono>
 #include <mutex>
 #include <vector>
 
@@ -24,8 +24,7 @@ constexpr const char *kCameraStreamCaps = "video/x-raw; image/jpeg; video/x-h264
 // layouts cameras and decoders deliver, which PictureConverter turns into the picture
 // format in one libyuv pass (several times cheaper than videoconvert's generic path).
 // Any other format is converted by videoconvert on the way, to the nearest of these.
-constexpr const char *kIntakeCaps =
-    "video/x-raw,format={ BGRx, YUY2, UYVY, NV12, NV21, I420, YV12, Y42B, Y444 }";
+constexpr const char *kIntakeCaps = "video/x-raw,format={ BGRx, YUY2, UYVY, NV12, NV21, I420, YV12, Y42B, Y444 }";
 
 } // namespace
 
@@ -33,7 +32,10 @@ constexpr const char *kIntakeCaps =
 
 CaptureDeviceInput::CaptureDeviceInput(GstElement *source) : m_source(source) {}
 
-CaptureDeviceInput::~CaptureDeviceInput() { gst_object_unref(m_source); }
+CaptureDeviceInput::~CaptureDeviceInput()
+{
+    gst_object_unref(m_source);
+}
 
 std::shared_ptr<CaptureDeviceInput> CaptureDeviceInput::create(const CameraDevice &device, QString *error)
 {
@@ -88,7 +90,10 @@ GstFlowReturn deliverSample(GstAppSink *sink, gpointer data)
     return GST_FLOW_OK;
 }
 
-void releaseSlotReference(gpointer data) { delete static_cast<std::shared_ptr<VideoDataOutput::DelegateSlot> *>(data); }
+void releaseSlotReference(gpointer data)
+{
+    delete static_cast<std::shared_ptr<VideoDataOutput::DelegateSlot> *>(data);
+}
 
 void linkDecodedPad(GstElement *, GstPad *pad, gpointer converter)
 {
@@ -208,7 +213,10 @@ GstBusSyncReply relayBusMessage(GstBus *, GstMessage *message, gpointer data)
     return GST_BUS_DROP;
 }
 
-void releaseRelayReference(gpointer data) { delete static_cast<std::shared_ptr<CaptureSession::BusRelay> *>(data); }
+void releaseRelayReference(gpointer data)
+{
+    delete static_cast<std::shared_ptr<CaptureSession::BusRelay> *>(data);
+}
 
 } // namespace
 

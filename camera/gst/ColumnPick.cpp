@@ -6,7 +6,8 @@ namespace vistrel::camera {
 
 namespace {
 
-template <int From, int To> constexpr std::array<int, To> pickOffsets()
+template<int From, int To>
+constexpr std::array<int, To> pickOffsets()
 {
     std::array<int, To> offsets{};
     for (int x = 0; x < To; ++x)
@@ -19,7 +20,7 @@ template <int From, int To> constexpr std::array<int, To> pickOffsets()
 // second or third byte are several times faster there than in SSE2. The choice
 // is made by a plain CPU check rather than by an ifunc (target_clones), whose
 // resolver runs before sanitizer runtimes are ready.
-template <int From, int To, typename Sample>
+template<int From, int To, typename Sample>
 [[gnu::always_inline]] inline void pickLoop(const Sample *__restrict in, Sample *__restrict out, int count)
 {
     constexpr auto offsets = pickOffsets<From, To>();
@@ -31,13 +32,13 @@ template <int From, int To, typename Sample>
         out[groups * To + x] = in[groups * From + offsets[x]];
 }
 
-template <int From, int To, typename Sample>
+template<int From, int To, typename Sample>
 [[gnu::target("avx2")]] void pickEveryAvx2(const Sample *__restrict in, Sample *__restrict out, int count)
 {
     pickLoop<From, To>(in, out, count);
 }
 
-template <int From, int To, typename Sample>
+template<int From, int To, typename Sample>
 void pickEveryBaseline(const Sample *__restrict in, Sample *__restrict out, int count)
 {
     pickLoop<From, To>(in, out, count);
@@ -49,7 +50,8 @@ bool cpuHasAvx2()
     return has;
 }
 
-template <int From, int To, typename Sample> void pickEvery(const Sample *in, Sample *out, int count)
+template<int From, int To, typename Sample>
+void pickEvery(const Sample *in, Sample *out, int count)
 {
     if (cpuHasAvx2())
         pickEveryAvx2<From, To>(in, out, count);
@@ -57,17 +59,14 @@ template <int From, int To, typename Sample> void pickEvery(const Sample *in, Sa
         pickEveryBaseline<From, To>(in, out, count);
 }
 
-template <typename Sample> void pick(ColumnRatio ratio, const Sample *in, Sample *out, int count)
+template<typename Sample>
+void pick(ColumnRatio ratio, const Sample *in, Sample *out, int count)
 {
     switch (ratio) {
-    case ColumnRatio::ThreeToTwo:
-        return pickEvery<3, 2>(in, out, count);
-    case ColumnRatio::TwoToOne:
-        return pickEvery<2, 1>(in, out, count);
-    case ColumnRatio::ThreeToOne:
-        return pickEvery<3, 1>(in, out, count);
-    case ColumnRatio::Other:
-        return;
+    case ColumnRatio::ThreeToTwo: return pickEvery<3, 2>(in, out, count);
+    case ColumnRatio::TwoToOne: return pickEvery<2, 1>(in, out, count);
+    case ColumnRatio::ThreeToOne: return pickEvery<3, 1>(in, out, count);
+    case ColumnRatio::Other: return;
     }
 }
 

@@ -7,9 +7,9 @@
 #include <QFileInfo>
 #include <QTimer>
 #include <QUrl>
+#include <chrono>
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
-#include <chrono>
 #include <mutex>
 
 namespace vistrel::camera {
@@ -25,8 +25,7 @@ void preferSoftwareDecoders()
 {
     static std::once_flag once;
     std::call_once(once, [] {
-        GList *factories = gst_element_factory_list_get_elements(GST_ELEMENT_FACTORY_TYPE_DECODER,
-                                                                 GST_RANK_NONE);
+        GList *factories = gst_element_factory_list_get_elements(GST_ELEMENT_FACTORY_TYPE_DECODER, GST_RANK_NONE);
         for (GList *item = factories; item; item = item->next) {
             auto *factory = GST_ELEMENT_FACTORY(item->data);
             const gchar *klass = gst_element_factory_get_metadata(factory, GST_ELEMENT_METADATA_KLASS);
@@ -42,7 +41,6 @@ std::int64_t steadyMilliseconds()
     return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
-
 
 } // namespace
 
@@ -60,7 +58,10 @@ PlayerItemVideoOutput::PlayerItemVideoOutput()
     gst_caps_unref(caps);
 }
 
-PlayerItemVideoOutput::~PlayerItemVideoOutput() { gst_object_unref(m_sink); }
+PlayerItemVideoOutput::~PlayerItemVideoOutput()
+{
+    gst_object_unref(m_sink);
+}
 
 std::shared_ptr<GstSample> PlayerItemVideoOutput::copyPixelBuffer()
 {
@@ -75,8 +76,7 @@ std::shared_ptr<GstSample> PlayerItemVideoOutput::copyPixelBuffer()
 
 PlayerItem::PlayerItem(const QString &filePath)
     : m_uri(QUrl::fromLocalFile(QFileInfo(filePath).absoluteFilePath()).toString(QUrl::FullyEncoded))
-{
-}
+{}
 
 void PlayerItem::fail(const QString &reason, bool overrides)
 {
@@ -94,7 +94,10 @@ QString PlayerItem::failureReason() const
     return m_failureReason;
 }
 
-void PlayerItem::addOutput(std::shared_ptr<PlayerItemVideoOutput> output) { m_outputs.push_back(std::move(output)); }
+void PlayerItem::addOutput(std::shared_ptr<PlayerItemVideoOutput> output)
+{
+    m_outputs.push_back(std::move(output));
+}
 
 void PlayerItem::removeOutput(const std::shared_ptr<PlayerItemVideoOutput> &output)
 {
@@ -108,14 +111,14 @@ void PlayerItem::removeOutput(const std::shared_ptr<PlayerItemVideoOutput> &outp
 struct MoviePlayer::BusRelay
 {
     std::mutex mutex;
-    MoviePlayer *player = nullptr;           // main thread only
-    std::shared_ptr<PlayerItem> item;        // read under mutex
-    std::atomic<std::uint64_t> pictures{0};  // buffers that reached the video sink
+    MoviePlayer *player = nullptr;          // main thread only
+    std::shared_ptr<PlayerItem> item;       // read under mutex
+    std::atomic<std::uint64_t> pictures{0}; // buffers that reached the video sink
     // Serialises the state changes and the release on the worker's threads: a change
     // still under way is never overtaken by the release, nor made after it.
     std::mutex stateMutex;
     bool released = false;
-    int wantedState = GST_STATE_NULL;        // under stateMutex
+    int wantedState = GST_STATE_NULL; // under stateMutex
     std::atomic<bool> opened{false};
 };
 
@@ -130,11 +133,15 @@ void onMainThread(const std::shared_ptr<MoviePlayer::BusRelay> &relay, std::func
     });
 }
 
-void releaseRelayReference(gpointer data) { delete static_cast<std::shared_ptr<MoviePlayer::BusRelay> *>(data); }
+void releaseRelayReference(gpointer data)
+{
+    delete static_cast<std::shared_ptr<MoviePlayer::BusRelay> *>(data);
+}
 
 } // namespace
 
-MoviePlayer::MoviePlayer(std::shared_ptr<PlayerItem> item) : m_item(std::move(item)), m_relay(std::make_shared<BusRelay>())
+MoviePlayer::MoviePlayer(std::shared_ptr<PlayerItem> item)
+    : m_item(std::move(item)), m_relay(std::make_shared<BusRelay>())
 {
     preferSoftwareDecoders();
     m_relay->player = this;
@@ -144,11 +151,11 @@ MoviePlayer::MoviePlayer(std::shared_ptr<PlayerItem> item) : m_item(std::move(it
     if (!m_playbin)
         qFatal("MoviePlayer: GStreamer has no playbin");
     gst_object_ref_sink(m_playbin);
-    GstElement *videoSink = m_item->outputs().empty() ? gst_element_factory_make("fakesink", nullptr)
-                                                      : m_item->outputs().front()->sink();
+    GstElement *videoSink =
+        m_item->outputs().empty() ? gst_element_factory_make("fakesink", nullptr) : m_item->outputs().front()->sink();
     GstElement *audioSink = gst_element_factory_make("fakesink", nullptr);
-    g_object_set(m_playbin, "uri", m_item->uri().toUtf8().constData(), "flags", kPlayVideoOnly, "video-sink",
-                 videoSink, "audio-sink", audioSink, nullptr);
+    g_object_set(m_playbin, "uri", m_item->uri().toUtf8().constData(), "flags", kPlayVideoOnly, "video-sink", videoSink,
+                 "audio-sink", audioSink, nullptr);
 
     GstPad *videoPad = gst_element_get_static_pad(videoSink, "sink");
     gst_pad_add_probe(
@@ -173,17 +180,12 @@ MoviePlayer::MoviePlayer(std::shared_ptr<PlayerItem> item) : m_item(std::move(it
                     relay->item->fail(reason);
                 break;
             }
-            case GST_MESSAGE_EOS:
-                onMainThread(relay, [](MoviePlayer &player) { player.onEndOfStream(); });
-                break;
-            case GST_MESSAGE_ASYNC_DONE:
-                onMainThread(relay, [](MoviePlayer &player) { player.onPrerolled(); });
-                break;
+            case GST_MESSAGE_EOS: onMainThread(relay, [](MoviePlayer &player) { player.onEndOfStream(); }); break;
+            case GST_MESSAGE_ASYNC_DONE: onMainThread(relay, [](MoviePlayer &player) { player.onPrerolled(); }); break;
             case GST_MESSAGE_DURATION_CHANGED:
                 onMainThread(relay, [](MoviePlayer &player) { player.refreshDuration(); });
                 break;
-            default:
-                break;
+            default: break;
             }
             return GST_BUS_DROP;
         },
@@ -274,13 +276,17 @@ void MoviePlayer::pause()
     m_rate = 0.0;
 }
 
-bool MoviePlayer::isOpened() const { return m_relay->opened.load(); }
+bool MoviePlayer::isOpened() const
+{
+    return m_relay->opened.load();
+}
 
 void MoviePlayer::seekToZero()
 {
     // A seek takes the pipeline's state lock, which the opening holds while it waits.
-    if (m_playbin && isOpened() && gst_element_seek_simple(m_playbin, GST_FORMAT_TIME,
-                                             GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE), 0)) {
+    if (m_playbin && isOpened()
+        && gst_element_seek_simple(m_playbin, GST_FORMAT_TIME,
+                                   GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE), 0)) {
         m_direction = 1.0;
         m_atEnd = false;
         m_turnedAtMs = -1;
@@ -332,8 +338,8 @@ void MoviePlayer::setRate(double rate)
         // exact duration keeps the last frame on every demuxer measured.
         refreshDuration();
         const std::int64_t end = m_item && m_item->duration() > 0 ? m_item->duration() : currentTime();
-        accepted = gst_element_seek(m_playbin, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, 0,
-                                    GST_SEEK_TYPE_SET, end);
+        accepted =
+            gst_element_seek(m_playbin, rate, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, 0, GST_SEEK_TYPE_SET, end);
     }
     if (!accepted) {
         // The player is left where it stopped; a stalled end shows as rate 0.
@@ -346,7 +352,10 @@ void MoviePlayer::setRate(double rate)
         m_turnedAtMs = steadyMilliseconds();
 }
 
-void MoviePlayer::setDidPlayToEndHandler(std::function<void()> handler) { m_didPlayToEnd = std::move(handler); }
+void MoviePlayer::setDidPlayToEndHandler(std::function<void()> handler)
+{
+    m_didPlayToEnd = std::move(handler);
+}
 
 void MoviePlayer::onEndOfStream()
 {

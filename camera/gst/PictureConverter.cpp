@@ -19,8 +19,7 @@ const libyuv::YuvConstants *libyuvMatrixFor(const GstVideoColorimetry &colorimet
     case GST_VIDEO_COLOR_MATRIX_UNKNOWN:
         return colorimetry.range == GST_VIDEO_COLOR_RANGE_0_255 ? &libyuv::kYuvJPEGConstants
                                                                 : &libyuv::kYuvI601Constants;
-    default:
-        return nullptr;
+    default: return nullptr;
     }
 }
 
@@ -57,10 +56,8 @@ bool PictureConverter::prepare(GstCaps *caps, QSize largest)
     case GST_VIDEO_FORMAT_I420:
     case GST_VIDEO_FORMAT_YV12:
     case GST_VIDEO_FORMAT_Y42B:
-    case GST_VIDEO_FORMAT_Y444:
-        break;
-    default:
-        return false; // BGRx passes as it is
+    case GST_VIDEO_FORMAT_Y444: break;
+    default: return false; // BGRx passes as it is
     }
 
     const int width = GST_VIDEO_INFO_WIDTH(&m_in);
@@ -77,8 +74,8 @@ bool PictureConverter::prepare(GstCaps *caps, QSize largest)
     const bool picksBeforeConversion = m_columnRatio != ColumnRatio::Other;
     m_row.resize(pictureWidth != width && !picksBeforeConversion ? static_cast<std::size_t>(width) * 4 : 0);
     // A packed row split into planes: Y, then U and V half as wide.
-    const bool packed = GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_YUY2
-                        || GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_UYVY;
+    const bool packed =
+        GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_YUY2 || GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_UYVY;
     m_planes.resize(packed ? static_cast<std::size_t>(width + 2 * ((width + 1) / 2)) : 0);
 
     GstVideoInfo &picture = m_picture;
@@ -135,9 +132,7 @@ PictureConverter::Planes PictureConverter::Planes::of(const GstVideoFrame &frame
         return planes;
     case GST_VIDEO_FORMAT_NV12:
     case GST_VIDEO_FORMAT_I420:
-    case GST_VIDEO_FORMAT_YV12:
-        planes.chromaHalfHeight = true;
-        break;
+    case GST_VIDEO_FORMAT_YV12: planes.chromaHalfHeight = true; break;
     case GST_VIDEO_FORMAT_NV21:
         // The interleaved plane starts with V: its first byte, not U's, is the row
         // start.
@@ -147,8 +142,7 @@ PictureConverter::Planes PictureConverter::Planes::of(const GstVideoFrame &frame
         planes.u = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_PLANE_DATA(&frame, 1));
         planes.uStride = GST_VIDEO_FRAME_PLANE_STRIDE(&frame, 1);
         return planes;
-    default:
-        break;
+    default: break;
     }
     // The component pointers put YV12's swapped planes right.
     planes.y = static_cast<const std::uint8_t *>(GST_VIDEO_FRAME_COMP_DATA(&frame, GST_VIDEO_COMP_Y));
@@ -318,8 +312,7 @@ void PictureConverter::convertRows(GstVideoFormat format, const Planes &in, int 
         }
         break;
     }
-    default:
-        break;
+    default: break;
     }
 }
 

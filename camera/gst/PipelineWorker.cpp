@@ -24,7 +24,10 @@ struct PipelineWorker::State
 
 PipelineWorker::PipelineWorker() : m_state(std::make_shared<State>()) {}
 
-PipelineWorker::~PipelineWorker() { shutdown(kExitLimit); }
+PipelineWorker::~PipelineWorker()
+{
+    shutdown(kExitLimit);
+}
 
 PipelineWorker &PipelineWorker::shared()
 {
@@ -39,9 +42,15 @@ PipelineWorker &PipelineWorker::shared()
     return worker;
 }
 
-void PipelineWorker::run(std::function<void()> job) { start(std::move(job), false); }
+void PipelineWorker::run(std::function<void()> job)
+{
+    start(std::move(job), false);
+}
 
-void PipelineWorker::runRelease(std::function<void()> job) { start(std::move(job), true); }
+void PipelineWorker::runRelease(std::function<void()> job)
+{
+    start(std::move(job), true);
+}
 
 void PipelineWorker::releasePipeline(GstElement *pipeline)
 {

@@ -46,8 +46,8 @@ QImage imageFromSample(GstSample *sample)
     const int stride = GST_VIDEO_FRAME_PLANE_STRIDE(&mapped->frame, 0);
     // The const constructor makes a read-only image: Qt copies before any write, so
     // the decoder's memory is never modified through it.
-    return QImage(pixels, GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info), stride,
-                  QImage::Format_RGB32, releaseMappedFrame, mapped);
+    return QImage(pixels, GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info), stride, QImage::Format_RGB32,
+                  releaseMappedFrame, mapped);
 }
 
 } // namespace vistrel::camera

@@ -28,13 +28,13 @@ std::string readSmall(const std::string &path)
 
 bool isFolder(const std::string &path)
 {
-    struct stat info {};
+    struct stat info = {};
     return ::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
 }
 
 bool isExecutable(const std::string &path)
 {
-    struct stat info {};
+    struct stat info = {};
     return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && ::access(path.c_str(), X_OK) == 0;
 }
 
@@ -66,7 +66,7 @@ std::string firstItem(const std::string &value)
 bool keyRejected(const std::string &output)
 {
     return output.find("Key was rejected by service") != std::string::npos
-           || output.find("Required key not available") != std::string::npos;
+        || output.find("Required key not available") != std::string::npos;
 }
 
 } // namespace
@@ -117,10 +117,7 @@ std::string Outcome::line() const
     return "outcome failed " + std::to_string(code) + " " + oneLine(description);
 }
 
-ExtensionInstaller::ExtensionInstaller(InstallerPaths paths)
-    : m_paths(std::move(paths))
-{
-}
+ExtensionInstaller::ExtensionInstaller(InstallerPaths paths) : m_paths(std::move(paths)) {}
 
 ModuleState ExtensionInstaller::moduleState() const
 {
@@ -182,7 +179,8 @@ bool ExtensionInstaller::loadBundled(const std::string &identifier, BundledExten
     const std::string modulesLoadPath = folder + "/" + std::string(files::kModulesLoadConfigName);
     for (const std::string &path : {folder, manifestPath, modprobePath, modulesLoadPath}) {
         if (!isTrusted(path, m_paths.trustedOwner)) {
-            failure = Outcome::failed(1, "the camera extension is not installed safely (missing, or writable by others): " + path);
+            failure = Outcome::failed(
+                1, "the camera extension is not installed safely (missing, or writable by others): " + path);
             return false;
         }
     }
@@ -191,7 +189,8 @@ bool ExtensionInstaller::loadBundled(const std::string &identifier, BundledExten
         std::string error;
         content = readRegularFile(path, &error);
         if (!content)
-            failure = Outcome::failed(1, "cannot read the camera extension in " + folder + (error.empty() ? "" : ": " + error));
+            failure = Outcome::failed(
+                1, "cannot read the camera extension in " + folder + (error.empty() ? "" : ": " + error));
         return content.has_value();
     };
     std::optional<std::string> manifest, modprobe, modulesLoad;
@@ -217,7 +216,8 @@ bool ExtensionInstaller::loadBundled(const std::string &identifier, BundledExten
     return true;
 }
 
-bool ExtensionInstaller::installedFileIsOurs(const std::string &dir, const std::string &identifier, Outcome &failure) const
+bool ExtensionInstaller::installedFileIsOurs(const std::string &dir, const std::string &identifier,
+                                             Outcome &failure) const
 {
     const std::string path = dir + "/" + files::installedFileName(identifier);
     std::string error;
@@ -263,8 +263,8 @@ Outcome ExtensionInstaller::loadIntoRunningKernel(const BundledExtension &bundle
         const std::string version = state.version.empty() ? moduleVersionFromModinfo() : state.version;
         if (!version.empty() && files::compareVersions(version, "0.13") >= 0 && !m_paths.loopbackCtl.empty()) {
             // 0.13 and later add a device to the loaded module.
-            const ChildResult added = runProgram(
-                {m_paths.loopbackCtl, "add", "-n", bundled.cardLabel, "-x", bundled.exclusiveCaps});
+            const ChildResult added =
+                runProgram({m_paths.loopbackCtl, "add", "-n", bundled.cardLabel, "-x", bundled.exclusiveCaps});
             if (!added.succeeded())
                 return Outcome::failed(1, "v4l2loopback-ctl add failed: " + oneLine(added.output));
         } else {
@@ -281,8 +281,9 @@ Outcome ExtensionInstaller::loadIntoRunningKernel(const BundledExtension &bundle
         }
     }
     if (moduleState().cameraNodes.empty())
-        return Outcome::failed(1, "v4l2loopback is loaded but no \"" + bundled.cardLabel
-                                      + "\" camera appeared; another configuration may override its options");
+        return Outcome::failed(1,
+                               "v4l2loopback is loaded but no \"" + bundled.cardLabel
+                                   + "\" camera appeared; another configuration may override its options");
     return Outcome::completed();
 }
 
@@ -295,7 +296,7 @@ bool ExtensionInstaller::prepareInstalledFiles(const std::string &identifier, Bu
     removeAbandonedTemporaries(m_paths.modprobeDir, fileName);
     removeAbandonedTemporaries(m_paths.modulesLoadDir, fileName);
     return installedFileIsOurs(m_paths.modprobeDir, identifier, failure)
-           && installedFileIsOurs(m_paths.modulesLoadDir, identifier, failure);
+        && installedFileIsOurs(m_paths.modulesLoadDir, identifier, failure);
 }
 
 Outcome ExtensionInstaller::activate(const std::string &identifier)
@@ -310,8 +311,8 @@ Outcome ExtensionInstaller::activate(const std::string &identifier)
     if (!state.loaded && !moduleIsInstalled())
         return Outcome::failed(4, "The v4l2loopback kernel module is not installed.");
 
-    const std::string marker = files::markerLine(
-        {identifier, bundled.manifest.shortVersion, std::string(files::kStateInstalled)});
+    const std::string marker =
+        files::markerLine({identifier, bundled.manifest.shortVersion, std::string(files::kStateInstalled)});
     std::string error;
     if (!writeFileAtomically(m_paths.modprobeDir, fileName, marker + "\n" + bundled.modprobeConfig, &error)
         || !writeFileAtomically(m_paths.modulesLoadDir, fileName, marker + "\n" + bundled.modulesLoadConfig, &error))
@@ -351,8 +352,8 @@ Outcome ExtensionInstaller::deactivate(const std::string &identifier)
     }
     // The camera stays until the module goes: keep an inert record (comments only)
     // that says so, until the next boot or the next request replaces it.
-    const std::string marker = files::markerLine(
-        {identifier, bundled.manifest.shortVersion, std::string(files::kStateRemoved)});
+    const std::string marker =
+        files::markerLine({identifier, bundled.manifest.shortVersion, std::string(files::kStateRemoved)});
     if (!writeFileAtomically(m_paths.modprobeDir, fileName, marker + "\n", &error))
         return Outcome::failed(1, error);
     return Outcome::afterReboot("the Vistrel camera is in use");
@@ -365,9 +366,9 @@ std::string ExtensionInstaller::status(const std::string &identifier)
     const auto marker = installed ? files::parseMarker(*installed) : std::nullopt;
     const ModuleState state = moduleState();
     return "status identifier=" + identifier + " installed=" + (marker ? marker->version : "none")
-           + " state=" + (marker ? marker->state : "none") + " module=" + (state.loaded ? "loaded" : "not-loaded")
-           + " moduleVersion=" + (state.version.empty() ? "unknown" : state.version)
-           + " camera=" + (state.cameraNodes.empty() ? "none" : state.cameraNodes.front());
+        + " state=" + (marker ? marker->state : "none") + " module=" + (state.loaded ? "loaded" : "not-loaded")
+        + " moduleVersion=" + (state.version.empty() ? "unknown" : state.version)
+        + " camera=" + (state.cameraNodes.empty() ? "none" : state.cameraNodes.front());
 }
 
 } // namespace vistrel::sysext::helper

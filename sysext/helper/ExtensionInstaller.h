@@ -13,15 +13,15 @@ namespace vistrel::sysext::helper {
 // location and the system's fixed folders; only a test build can point them elsewhere.
 struct InstallerPaths
 {
-    std::string extensionsDir; // <prefix>/share/vistrel/SystemExtensions
-    std::string modprobeDir;   // /etc/modprobe.d
+    std::string extensionsDir;  // <prefix>/share/vistrel/SystemExtensions
+    std::string modprobeDir;    // /etc/modprobe.d
     std::string modulesLoadDir; // /etc/modules-load.d
-    std::string sysDir;        // /sys
-    std::string lockFile;      // /run/vistrel-camera-extension.lock: one run at a time
-    std::string modprobe;      // absolute paths of the tools; empty when absent
+    std::string sysDir;         // /sys
+    std::string lockFile;       // /run/vistrel-camera-extension.lock: one run at a time
+    std::string modprobe;       // absolute paths of the tools; empty when absent
     std::string modinfo;
     std::string loopbackCtl;
-    uid_t trustedOwner = 0;    // who must own the bundle files the helper reads, and the lock file
+    uid_t trustedOwner = 0; // who must own the bundle files the helper reads, and the lock file
 
     static InstallerPaths forSystem(const std::string &executablePath);
     static InstallerPaths underRoot(const std::string &root, uid_t owner);
@@ -50,8 +50,8 @@ struct Outcome
 struct ModuleState
 {
     bool loaded = false;
-    std::string version;                 // may be empty when unknown
-    int useCount = 0;                    // open loopback devices hold the module
+    std::string version;                  // may be empty when unknown
+    int useCount = 0;                     // open loopback devices hold the module
     std::vector<std::string> cameraNodes; // /dev/videoN named "Vistrel"
     int otherLoopbackDevices = 0;
 };

@@ -46,8 +46,10 @@ int answer(const helper::Outcome &outcome, int exitStatus = kExitOk)
 
 int usage(const std::string &problem)
 {
-    return answer(helper::Outcome::failed(1, problem + " (usage: vistrel-camera-extension-helper "
-                                                       "activate|deactivate|status <extension identifier>)"),
+    return answer(helper::Outcome::failed(1,
+                                          problem
+                                              + " (usage: vistrel-camera-extension-helper "
+                                                "activate|deactivate|status <extension identifier>)"),
                   kExitUsage);
 }
 
@@ -115,10 +117,11 @@ int main(int argc, char **argv)
     switch (lock.acquire(paths.lockFile, paths.trustedOwner, lockWait, &lockError)) {
     case helper::ExclusiveLock::Result::Locked: break;
     case helper::ExclusiveLock::Result::StillHeld:
-        return answer(helper::Outcome::failed(
-            1, "another camera extension request is still running: " + lockError + " after "
-                   + (lockWait.count() % 1000 == 0 ? std::to_string(lockWait.count() / 1000) + " s"
-                                                   : std::to_string(lockWait.count()) + " ms")));
+        return answer(
+            helper::Outcome::failed(1,
+                                    "another camera extension request is still running: " + lockError + " after "
+                                        + (lockWait.count() % 1000 == 0 ? std::to_string(lockWait.count() / 1000) + " s"
+                                                                        : std::to_string(lockWait.count()) + " ms")));
     case helper::ExclusiveLock::Result::Refused: return answer(helper::Outcome::failed(1, lockError));
     }
     return answer(verb == "activate" ? installer.activate(identifier) : installer.deactivate(identifier));

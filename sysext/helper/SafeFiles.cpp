@@ -74,7 +74,7 @@ std::optional<std::string> readRegularFile(const std::string &path, std::string 
             *error = errnoText("cannot read", path);
         return std::nullopt;
     }
-    struct stat info {};
+    struct stat info = {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || static_cast<std::size_t>(info.st_size) > kMaxFileSize) {
         ::close(fd);
         fail(error, "not a regular file of a sensible size: " + path);
@@ -103,7 +103,7 @@ std::optional<std::string> readRegularFile(const std::string &path, std::string 
 
 bool isTrusted(const std::string &path, uid_t owner)
 {
-    struct stat info {};
+    struct stat info = {};
     if (::lstat(path.c_str(), &info) != 0 || S_ISLNK(info.st_mode))
         return false;
     return info.st_uid == owner && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0;
@@ -111,7 +111,7 @@ bool isTrusted(const std::string &path, uid_t owner)
 
 bool ensureFolder(const std::string &dir, std::string *error)
 {
-    struct stat info {};
+    struct stat info = {};
     if (::lstat(dir.c_str(), &info) == 0)
         return S_ISDIR(info.st_mode) ? true : fail(error, "not a folder: " + dir);
     if (errno != ENOENT)
@@ -127,7 +127,7 @@ bool writeFileAtomically(const std::string &dir, const std::string &name, const 
     if (!ensureFolder(dir, error))
         return false;
     const std::string target = dir + "/" + name;
-    struct stat info {};
+    struct stat info = {};
     if (::lstat(target.c_str(), &info) == 0) {
         if (!S_ISREG(info.st_mode))
             return fail(error, "refusing to replace something that is not a regular file: " + target);
@@ -177,7 +177,7 @@ bool writeFileAtomically(const std::string &dir, const std::string &name, const 
 bool removeRegularFile(const std::string &dir, const std::string &name, std::string *error)
 {
     const std::string target = dir + "/" + name;
-    struct stat info {};
+    struct stat info = {};
     if (::lstat(target.c_str(), &info) != 0)
         return errno == ENOENT ? true : fail(error, errnoText("cannot inspect", target));
     if (!S_ISREG(info.st_mode))
@@ -205,7 +205,9 @@ void removeAbandonedTemporaries(const std::string &dir, const std::string &name)
         // A writer holds its temporary locked until it is renamed or removed; one that
         // can be locked here was left by a run that ended. Removed only while the name
         // still names the file that was checked.
-        struct stat opened {}, named {};
+        struct stat opened
+        {
+        }, named{};
         if (::fstat(fd, &opened) == 0 && S_ISREG(opened.st_mode) && ::flock(fd, LOCK_EX | LOCK_NB) == 0
             && ::lstat(path.c_str(), &named) == 0 && named.st_dev == opened.st_dev && named.st_ino == opened.st_ino)
             ::unlink(path.c_str());
@@ -225,15 +227,17 @@ ExclusiveLock::Result ExclusiveLock::acquire(const std::string &path, uid_t owne
 {
     const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, 0600);
     if (fd < 0) {
-        fail(error, errno == ELOOP ? "refusing the lock file " + path + ": it is a symbolic link"
-                                   : errnoText("cannot open the lock file", path));
+        fail(error,
+             errno == ELOOP ? "refusing the lock file " + path + ": it is a symbolic link"
+                            : errnoText("cannot open the lock file", path));
         return Result::Refused;
     }
-    struct stat info {};
+    struct stat info = {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != owner) {
         ::close(fd);
-        fail(error, "refusing the lock file " + path + ": not a regular file owned by "
-                        + (owner == 0 ? std::string("root") : "uid " + std::to_string(owner)));
+        fail(error,
+             "refusing the lock file " + path + ": not a regular file owned by "
+                 + (owner == 0 ? std::string("root") : "uid " + std::to_string(owner)));
         return Result::Refused;
     }
     const auto deadline = std::chrono::steady_clock::now() + wait;

@@ -42,7 +42,10 @@ public:
     {
         return QTest::qWaitFor([&] { return read(file).contains(text); }, 10000);
     }
-    QString read(const char *file) const { return QString::fromUtf8(vistrel::test::readFile(home.filePath(QLatin1String(file)))); }
+    QString read(const char *file) const
+    {
+        return QString::fromUtf8(vistrel::test::readFile(home.filePath(QLatin1String(file))));
+    }
     QString trace() const { return read("vistrel-trace.log"); }
     QString settingsPath() const { return home.filePath(QStringLiteral(".config/Vistrel/Vistrel.conf")); }
     bool launched() { return waitFor("vistrel-trace.log", QStringLiteral("didFinishLaunching EXIT")); }
@@ -58,7 +61,8 @@ TEST(AppProcess, LaunchesHiddenOnTheMainWindowPathAndASecondLaunchDefersToIt)
     AppProcess first(kBinary);
     ASSERT_TRUE(first.launched()) << first.trace().toStdString();
     const QString trace = first.trace();
-    EXPECT_TRUE(trace.contains(QStringLiteral("] didFinishLaunching ENTER pid=%1 exec=%2\n").arg(first.process.processId()).arg(kBinary)));
+    EXPECT_TRUE(trace.contains(
+        QStringLiteral("] didFinishLaunching ENTER pid=%1 exec=%2\n").arg(first.process.processId()).arg(kBinary)));
     EXPECT_TRUE(trace.contains(QStringLiteral("] autoLoadedMain=Optional(QMainWindow(0x")));
     EXPECT_TRUE(trace.contains(QStringLiteral(" wc=Optional(vistrel::MainWindowController(0x")));
     EXPECT_TRUE(first.waitFor("errors", QStringLiteral("[Vistrel] main window prepared (hidden) — frame=(")))
@@ -97,21 +101,31 @@ TEST(AppProcess, WithoutItsInterfaceFileShowsTheFallbackWindow)
 // damaged settings file reads as absent (onboarding), whose end then sets that one line only.
 TEST(AppProcess, TerminationSignalsEndTheAppThroughItsNormalTermination)
 {
-    const QByteArray damaged = QByteArray("# mine\n[General]\nonboardingComplete=maybe\nextensionInstalled=@Variant(\\0\\0\\0\\x7f)\n")
-                               + QByteArray("blob=\x00\xff\xfe\n", 9) + "[Broken\nx=1\n[Other]\nhuge=" + QByteArray(1 << 20, 'z')
-                               + "\ntruncated=\"open";
-    const struct { int signal; const char *name; const QByteArray &settings; } cases[] = {
-        {SIGTERM, "SIGTERM", damaged}, {SIGINT, "SIGINT", damaged}, {SIGHUP, "SIGHUP", damaged}, {SIGTERM, "SIGTERM", kFinishedOnboarding}};
+    const QByteArray damaged =
+        QByteArray("# mine\n[General]\nonboardingComplete=maybe\nextensionInstalled=@Variant(\\0\\0\\0\\x7f)\n")
+        + QByteArray("blob=\x00\xff\xfe\n", 9) + "[Broken\nx=1\n[Other]\nhuge=" + QByteArray(1 << 20, 'z')
+        + "\ntruncated=\"open";
+    const struct
+    {
+        int signal;
+        const char *name;
+        const QByteArray &settings;
+    } cases[] = {{SIGTERM, "SIGTERM", damaged},
+                 {SIGINT, "SIGINT", damaged},
+                 {SIGHUP, "SIGHUP", damaged},
+                 {SIGTERM, "SIGTERM", kFinishedOnboarding}};
     for (const auto &c : cases) {
         SCOPED_TRACE(c.name);
         const bool onboarding = &c.settings == &damaged;
         AppProcess app(kBinary, c.settings);
         ASSERT_TRUE(app.launched()) << app.read("errors").toStdString();
-        ASSERT_TRUE(app.trace().contains(onboarding ? QStringLiteral("state — onboardingComplete=false ") : QStringLiteral("taking MAIN WINDOW path")));
+        ASSERT_TRUE(app.trace().contains(onboarding ? QStringLiteral("state — onboardingComplete=false ")
+                                                    : QStringLiteral("taking MAIN WINDOW path")));
         ASSERT_EQ(::kill(static_cast<pid_t>(app.process.processId()), c.signal), 0);
         ASSERT_TRUE(app.process.waitForFinished(10000));
         EXPECT_TRUE(app.process.exitStatus() == QProcess::NormalExit && app.process.exitCode() == 0);
-        EXPECT_TRUE(app.trace().endsWith(QStringLiteral("] terminating on %1\n").arg(QLatin1String(c.name)))) << app.trace().toStdString();
+        EXPECT_TRUE(app.trace().endsWith(QStringLiteral("] terminating on %1\n").arg(QLatin1String(c.name))))
+            << app.trace().toStdString();
         EXPECT_TRUE(vistrel::test::readFile(app.settingsPath())
                     == QByteArray(c.settings).replace("onboardingComplete=maybe\n", "onboardingComplete=false\n"))
             << "settings not reset, or rewritten";
@@ -125,7 +139,8 @@ TEST(AppProcess, AnOpenRuntimeFolderIsRefusedAndTheAppStillStartsAlone)
     ASSERT_TRUE(QFile::setPermissions(runtime.path(), QFileDevice::Permissions(0x7777)));
     AppProcess app(kBinary, kFinishedOnboarding, {{QStringLiteral("XDG_RUNTIME_DIR"), runtime.path()}});
     ASSERT_TRUE(app.launched());
-    EXPECT_TRUE(app.read("errors").contains(QStringLiteral("[Vistrel] XDG_RUNTIME_DIR %1 is not private to this user (").arg(runtime.path())))
+    EXPECT_TRUE(app.read("errors").contains(
+        QStringLiteral("[Vistrel] XDG_RUNTIME_DIR %1 is not private to this user (").arg(runtime.path())))
         << app.read("errors").toStdString();
     EXPECT_TRUE(QDir(runtime.path()).isEmpty()) << "nothing is put where others can reach it";
 }

@@ -1,6 +1,6 @@
 #include "app/AppDelegate.h"
-#include "ui/MainWindowController.h"
 #include "core/TraceLog.h"
+#include "ui/MainWindowController.h"
 
 #include "TestHome.h"
 #include "TestServices.h"
@@ -37,7 +37,13 @@ protected:
 // hidden and used instead of a fallback, on either path.
 TEST_F(LaunchTest, DecisionTableChoosesThePathAndTracesIt)
 {
-    const struct { const char *name; bool complete; int cameraAuth; bool storedInstalled, installedProbe, activatedProbe, autoLoaded, expectOnboarding; } cases[] = {
+    const struct
+    {
+        const char *name;
+        bool complete;
+        int cameraAuth;
+        bool storedInstalled, installedProbe, activatedProbe, autoLoaded, expectOnboarding;
+    } cases[] = {
         {"installed but not enabled", true, 3, false, true, false, false, true},
         {"recorded and visible", true, 3, false, true, true, false, false},
         {"no record even when complete", true, 3, false, false, true, false, true},
@@ -65,11 +71,16 @@ TEST_F(LaunchTest, DecisionTableChoosesThePathAndTracesIt)
         EXPECT_EQ(delegate.onboardingInProgress, c.expectOnboarding);
         const auto bit = [](bool b) { return b ? QStringLiteral("true") : QStringLiteral("false"); };
         QStringList expected = {
-            QStringLiteral("didFinishLaunching ENTER pid=%1 exec=/opt/vistrel/bin/vistrel").arg(QCoreApplication::applicationPid()),
-            QStringLiteral("didFinishLaunching state — onboardingComplete=%1 cameraAuth=%2 extInstalled=%3 extActivated=%4 needsOnboarding=%5")
-                .arg(bit(c.complete)).arg(c.cameraAuth).arg(bit(c.installedProbe), bit(c.activatedProbe), bit(c.expectOnboarding)),
-            window ? QStringLiteral("autoLoadedMain=%1 wc=%2").arg(describeOptional(window), describeOptional(controller))
-                   : QStringLiteral("autoLoadedMain=nil wc=nil"),
+            QStringLiteral("didFinishLaunching ENTER pid=%1 exec=/opt/vistrel/bin/vistrel")
+                .arg(QCoreApplication::applicationPid()),
+            QStringLiteral(
+                "didFinishLaunching state — onboardingComplete=%1 cameraAuth=%2 extInstalled=%3 extActivated=%4 needsOnboarding=%5")
+                .arg(bit(c.complete))
+                .arg(c.cameraAuth)
+                .arg(bit(c.installedProbe), bit(c.activatedProbe), bit(c.expectOnboarding)),
+            window
+                ? QStringLiteral("autoLoadedMain=%1 wc=%2").arg(describeOptional(window), describeOptional(controller))
+                : QStringLiteral("autoLoadedMain=nil wc=nil"),
             c.expectOnboarding ? QStringLiteral("taking ONBOARDING path") : QStringLiteral("taking MAIN WINDOW path"),
             QStringLiteral("didFinishLaunching EXIT"),
         };
@@ -83,7 +94,8 @@ TEST_F(LaunchTest, DecisionTableChoosesThePathAndTracesIt)
         EXPECT_EQ(fallbackWindow() != nullptr, !c.expectOnboarding && !window);
         if (window) {
             EXPECT_FALSE(window->isVisible());
-            EXPECT_EQ(window->windowFlags().testFlag(Qt::WindowStaysOnTopHint), !c.expectOnboarding) << "the main window floats";
+            EXPECT_EQ(window->windowFlags().testFlag(Qt::WindowStaysOnTopHint), !c.expectOnboarding)
+                << "the main window floats";
         }
         // A second launch brings forward what this launch shows: during onboarding that is
         // the onboarding window, never the camera window.
@@ -92,7 +104,8 @@ TEST_F(LaunchTest, DecisionTableChoosesThePathAndTracesIt)
             EXPECT_EQ(window->isVisible(), !c.expectOnboarding);
         }
         const auto topLevels = QApplication::topLevelWidgets();
-        EXPECT_EQ(std::count_if(topLevels.begin(), topLevels.end(), [&](QWidget *w) { return w != window && w->isVisible(); }),
+        EXPECT_EQ(std::count_if(topLevels.begin(), topLevels.end(),
+                                [&](QWidget *w) { return w != window && w->isVisible(); }),
                   c.expectOnboarding || !window ? 1 : 0);
         qDeleteAll(QApplication::topLevelWidgets());
     }
@@ -112,7 +125,8 @@ TEST_F(LaunchTest, AMissingOrWindowlessInterfaceFileShowsTheFallbackWindowAfresh
     ASSERT_NE(label, nullptr);
     EXPECT_EQ(label->text(), QStringLiteral("Vistrel is running.\nClick the menu-bar icon for options."));
     EXPECT_NE(log.find("[Vistrel] main storyboard fallback instantiate -> nil\n"), std::string::npos) << log;
-    EXPECT_NE(log.find("[Vistrel] no main window from storyboard — falling back to programmatic window\n"), std::string::npos);
+    EXPECT_NE(log.find("[Vistrel] no main window from storyboard — falling back to programmatic window\n"),
+              std::string::npos);
     EXPECT_NE(log.find("[Vistrel] programmatic fallback window shown — frame=("), std::string::npos);
 
     // A click on the icon shows a fresh one in place of the last, and never hides it.

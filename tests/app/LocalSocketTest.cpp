@@ -26,7 +26,8 @@ constexpr uid_t kStranger = 65534; // nobody
 // Sets an environment variable (unsets it for an empty value) until the scope ends.
 struct ScopedEnv
 {
-    ScopedEnv(const char *name, const QString &value) : name(name), old(qgetenv(name)), had(qEnvironmentVariableIsSet(name))
+    ScopedEnv(const char *name, const QString &value)
+        : name(name), old(qgetenv(name)), had(qEnvironmentVariableIsSet(name))
     {
         value.isEmpty() ? qunsetenv(name) : qputenv(name, value.toUtf8());
     }
@@ -40,7 +41,7 @@ struct ScopedEnv
 bool makeStaleSocket(const QString &path)
 {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address {};
+    sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const QByteArray name = QFile::encodeName(path);
     std::memcpy(address.sun_path, name.constData(), std::min<size_t>(name.size(), sizeof address.sun_path - 1));
@@ -58,7 +59,13 @@ TEST(LocalSocketTest, TheSingleInstanceLivesInAPrivateFolderOfTheUser)
     QTemporaryDir scratch(QStringLiteral("/tmp/vst-XXXXXX")); // a socket's path must stay short
     const ScopedEnv cacheHome("XDG_CACHE_HOME", scratch.filePath(QStringLiteral("cache")));
     const QString fallback = scratch.filePath(QStringLiteral("cache/vistrel-runtime"));
-    const struct { const char *name; mode_t mode; bool stranger, link, set, fallbackTaken; const char *refusal; } cases[] = {
+    const struct
+    {
+        const char *name;
+        mode_t mode;
+        bool stranger, link, set, fallbackTaken;
+        const char *refusal;
+    } cases[] = {
         {"private runtime folder", 0700, false, false, true, false, nullptr},
         {"runtime folder open to the group", 0750, false, false, true, false, "owned by uid %1, mode 0750"},
         {"runtime folder of a stranger", 0700, true, false, true, false, "owned by uid 65534, mode 0700"},
@@ -87,10 +94,11 @@ TEST(LocalSocketTest, TheSingleInstanceLivesInAPrivateFolderOfTheUser)
         QStringList expected;
         if (c.refusal)
             expected << QStringLiteral("XDG_RUNTIME_DIR ") + runtime + QStringLiteral(" is not private to this user (")
-                            + QString::fromUtf8(c.refusal).replace(QStringLiteral("%1"), QString::number(::geteuid()))
-                            + QStringLiteral(") — not using it");
+                    + QString::fromUtf8(c.refusal).replace(QStringLiteral("%1"), QString::number(::geteuid()))
+                    + QStringLiteral(") — not using it");
         if (c.fallbackTaken)
-            expected << QStringLiteral("no private folder for local sockets: ") + fallback + QStringLiteral(" is not usable (not a folder)")
+            expected << QStringLiteral("no private folder for local sockets: ") + fallback
+                    + QStringLiteral(" is not usable (not a folder)")
                      << QStringLiteral("single instance disabled: a second launch will start another Vistrel");
         EXPECT_EQ(log.lines(), expected);
         const QString folder = c.fallbackTaken ? QString() : c.set && !c.refusal ? runtime : fallback;
@@ -112,17 +120,17 @@ TEST(LocalSocketTest, OnlyTheUsersOwnSocketsAreTrustedOrReplaced)
         const QByteArray name = QFile::encodeName(path);
         const QByteArray notes = "someone's notes\n";
         QLocalServer other;
-        ASSERT_TRUE(squatter == RegularFile      ? test::writeFile(path, notes)
-                    : squatter == StaleOwnSocket ? makeStaleSocket(path)
-                    : squatter >= LiveOwnSocket  ? other.listen(path)
-                                                 : true);
+        ASSERT_TRUE(squatter == RegularFile          ? test::writeFile(path, notes)
+                        : squatter == StaleOwnSocket ? makeStaleSocket(path)
+                        : squatter >= LiveOwnSocket  ? other.listen(path)
+                                                     : true);
         ASSERT_TRUE(squatter != LiveStrangersSocket
                     || (::chown(name.constData(), kStranger, kStranger) == 0 && ::chmod(name.constData(), 0777) == 0));
         const bool ours = squatter == Nothing || squatter == StaleOwnSocket;
         const bool live = squatter == LiveOwnSocket;
-        const QString why = live                    ? QStringLiteral("another server is answering on it")
-                            : squatter == RegularFile ? QStringLiteral("a regular file")
-                                                      : QStringLiteral("a socket owned by uid 65534, mode 0777");
+        const QString why = live      ? QStringLiteral("another server is answering on it")
+            : squatter == RegularFile ? QStringLiteral("a regular file")
+                                      : QStringLiteral("a socket owned by uid 65534, mode 0777");
 
         // The single instance: a second launch defers only to a live socket of ours.
         test::SystemLogCapture log;
@@ -131,20 +139,24 @@ TEST(LocalSocketTest, OnlyTheUsersOwnSocketsAreTrustedOrReplaced)
         EXPECT_EQ(instance.listen(), ours);
         QStringList expected;
         if (!ours && !live)
-            expected << QStringLiteral("single instance: ignoring ") + path + QStringLiteral(", not a socket of this user (") + why + u')';
+            expected << QStringLiteral("single instance: ignoring ") + path
+                    + QStringLiteral(", not a socket of this user (") + why + u')';
         if (!ours)
             expected << QStringLiteral("single instance: cannot listen on ") + path + QStringLiteral(" (") + why + u')';
         EXPECT_EQ(log.lines(), expected);
         instance.release();
-        ASSERT_TRUE(squatter != StaleOwnSocket || makeStaleSocket(path)); // another crash's leftover, for the control socket
+        ASSERT_TRUE(squatter != StaleOwnSocket
+                    || makeStaleSocket(path)); // another crash's leftover, for the control socket
 
         // The lab's control socket follows the same rule and says why it stays closed.
         const ScopedEnv variable(ControlSocket::kEnvironmentVariable, path);
         test::ScriptedFileDialogs dialogs;
         test::SystemLogCapture controlLog;
         EXPECT_EQ(ControlSocket::fromEnvironment(dialogs, [] { return nullptr; }) != nullptr, ours);
-        EXPECT_EQ(controlLog.lines(), QStringList{ours ? QStringLiteral("control socket listening on ") + path
-                                                       : QStringLiteral("control socket ") + path + QStringLiteral(" not available: ") + why});
+        EXPECT_EQ(
+            controlLog.lines(),
+            QStringList{ours ? QStringLiteral("control socket listening on ") + path
+                             : QStringLiteral("control socket ") + path + QStringLiteral(" not available: ") + why});
         if (squatter == RegularFile) {
             EXPECT_EQ(test::readFile(path), notes);
         }

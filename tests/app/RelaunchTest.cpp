@@ -38,7 +38,8 @@ TEST(RelaunchTest, CompletingOnboardingRestartsTheAppOrStaysUpWhenTheStartFails)
     delegate.onboardingInProgress = true;
     delegate.restartApp();
     EXPECT_EQ(env.application.terminateCalls, 0);
-    EXPECT_TRUE(trace().endsWith(QStringLiteral("] restartApp failed: Process failed to start: No such file or directory\n")));
+    EXPECT_TRUE(
+        trace().endsWith(QStringLiteral("] restartApp failed: Process failed to start: No such file or directory\n")));
     EXPECT_TRUE(claim.isListening()) << "a second launch must still find the app that stayed up";
     env.application.terminate();
     EXPECT_FALSE(env.defaults->boolForKey(complete));
@@ -59,7 +60,8 @@ TEST(ProcessLauncher, StartsARealDetachedChildAndReportsAFailure)
     ProcessLauncher launcher;
     const QString marker = QDir::homePath() + QStringLiteral("/launched");
     QString error;
-    ASSERT_TRUE(launcher.launchDetached(QStringLiteral("/bin/sh"), {QStringLiteral("-c"), QStringLiteral("touch '%1'").arg(marker)}, &error));
+    ASSERT_TRUE(launcher.launchDetached(QStringLiteral("/bin/sh"),
+                                        {QStringLiteral("-c"), QStringLiteral("touch '%1'").arg(marker)}, &error));
     EXPECT_TRUE(QTest::qWaitFor([&] { return QFile::exists(marker); }, 5000));
 
     EXPECT_FALSE(launcher.launchDetached(QStringLiteral("/nonexistent/vistrel"), {}, &error));

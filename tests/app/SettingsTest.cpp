@@ -22,11 +22,12 @@ const QString kDismissed = QStringLiteral("updateCheckerDismissedBuild");
 // comments, raw bytes, foreign values, broken sections and line endings as they were.
 TEST(SettingsTest, WrongTypesReadAsAbsentAndWritesTouchOnlyTheirOwnLine)
 {
-    const QByteArray damaged = QByteArray("# kept by hand: do not touch\r\n[General]\r\nonboardingComplete=maybe\r\n"
-                                          "extensionInstalled=@Rect(1 2 3 4)\r\nupdateCheckerDismissedBuild=@ByteArray(120)\r\n"
-                                          "shape=@Variant(\\0\\0\\0\\x7f\\0\\0\\0\\x5Qxyz)\r\n")
-                               + QByteArray("blob=\x00\x01\xff\xfe raw\r\n", 15) + "[Broken\r\nmine = keep me\r\n[Other]\r\n"
-                               + "onboardingComplete=false\r\nhuge=" + QByteArray(1 << 20, 'A') + "\r\ntruncated=\"no closing quote";
+    const QByteArray damaged =
+        QByteArray("# kept by hand: do not touch\r\n[General]\r\nonboardingComplete=maybe\r\n"
+                   "extensionInstalled=@Rect(1 2 3 4)\r\nupdateCheckerDismissedBuild=@ByteArray(120)\r\n"
+                   "shape=@Variant(\\0\\0\\0\\x7f\\0\\0\\0\\x5Qxyz)\r\n")
+        + QByteArray("blob=\x00\x01\xff\xfe raw\r\n", 15) + "[Broken\r\nmine = keep me\r\n[Other]\r\n"
+        + "onboardingComplete=false\r\nhuge=" + QByteArray(1 << 20, 'A') + "\r\ntruncated=\"no closing quote";
     QTemporaryDir folder;
     const QString path = folder.filePath(QStringLiteral("Vistrel.conf"));
     ASSERT_TRUE(test::writeFile(path, damaged));
@@ -51,7 +52,8 @@ TEST(SettingsTest, WrongTypesReadAsAbsentAndWritesTouchOnlyTheirOwnLine)
     const QString other = folder.filePath(QStringLiteral("other.conf"));
     ASSERT_TRUE(test::writeFile(other, "[Other]\nonboardingComplete=false\nx=1"));
     UserDefaults(other).setBool(kInstalled, true);
-    EXPECT_EQ(test::readFile(other), QByteArray("[General]\nextensionInstalled=true\n[Other]\nonboardingComplete=false\nx=1"));
+    EXPECT_EQ(test::readFile(other),
+              QByteArray("[General]\nextensionInstalled=true\n[Other]\nonboardingComplete=false\nx=1"));
 
     // A folder where the file belongs: the write is logged and holds for this run.
     const QString blocked = folder.filePath(QStringLiteral("blocked.conf"));
@@ -60,6 +62,7 @@ TEST(SettingsTest, WrongTypesReadAsAbsentAndWritesTouchOnlyTheirOwnLine)
     test::SystemLogCapture log;
     held.setBool(kComplete, true);
     EXPECT_TRUE(held.boolForKey(kComplete));
-    EXPECT_TRUE(log.lines().size() == 1 && log.lines()[0].startsWith(QStringLiteral("settings: onboardingComplete not saved to ") + blocked))
+    EXPECT_TRUE(log.lines().size() == 1
+                && log.lines()[0].startsWith(QStringLiteral("settings: onboardingComplete not saved to ") + blocked))
         << log.lines().join(u'\n').toStdString();
 }

@@ -1,6 +1,6 @@
 #include "app/AppDelegate.h"
-#include "ui/MainWindowController.h"
 #include "core/WindowPlacement.h"
+#include "ui/MainWindowController.h"
 
 #include "TestServices.h"
 
@@ -17,11 +17,22 @@ using namespace vistrel;
 TEST(StatusItemPlacementTest, PlacesTheWindowBelowTheIconInsideTheScreen)
 {
     const QRect screen(0, 32, 1920, 1048); // a 32 px panel at the top
-    const struct { const char *name; QRect anchor; QSize window; std::optional<QRect> available; QPoint expected; } cases[] = {
+    const struct
+    {
+        const char *name;
+        QRect anchor;
+        QSize window;
+        std::optional<QRect> available;
+        QPoint expected;
+    } cases[] = {
         {"centred under an icon mid-screen", {900, 4, 24, 24}, {400, 300}, screen, {712, 34}},
         {"icon at the right edge keeps 8 px", {1890, 4, 24, 24}, {400, 300}, screen, {1920 - 8 - 400, 34}},
         {"wider than the screen: the left margin wins", {900, 4, 24, 24}, {1910, 300}, screen, {8, 34}},
-        {"icon near the bottom: the window overlaps it", {900, 1050, 24, 24}, {400, 300}, screen, {712, 32 + 1048 - 8 - 300}},
+        {"icon near the bottom: the window overlaps it",
+         {900, 1050, 24, 24},
+         {400, 300},
+         screen,
+         {712, 32 + 1048 - 8 - 300}},
         {"no screen: unclamped", {1890, 1050, 24, 24}, {400, 300}, std::nullopt, {1702, 1080}},
     };
     for (const auto &c : cases) {
@@ -34,7 +45,10 @@ TEST(StatusItemPlacementTest, PlacesTheWindowBelowTheIconInsideTheScreen)
 TEST(StatusItemTest, ClickTogglesTheWindowAndClicksSoonAfterAHideAreIgnored)
 {
     test::TestServices env;
-    struct Cleanup { ~Cleanup() { qDeleteAll(QApplication::topLevelWidgets()); } } cleanup;
+    struct Cleanup
+    {
+        ~Cleanup() { qDeleteAll(QApplication::topLevelWidgets()); }
+    } cleanup;
     AppDelegate delegate(env.services);
     auto *window = new QMainWindow;
     window->resize(420, 300);
@@ -82,7 +96,10 @@ TEST(StatusItemTest, ClickTogglesTheWindowAndClicksSoonAfterAHideAreIgnored)
 TEST(MainInterfaceTest, FooterButtonsExitResetAndHideAndTheDeferredStartStopsObserving)
 {
     test::TestServices env;
-    struct Cleanup { ~Cleanup() { qDeleteAll(QApplication::topLevelWidgets()); } } cleanup;
+    struct Cleanup
+    {
+        ~Cleanup() { qDeleteAll(QApplication::topLevelWidgets()); }
+    } cleanup;
     auto delegate = std::make_unique<AppDelegate>(env.services);
     delegate->prepareMainWindow();
     ASSERT_TRUE(delegate->mainWindowController);

@@ -25,8 +25,9 @@ TEST(TraceLogTest, AppendsOneUtcStampedLinePerCallAndStillEchoesWhenTheFileCanno
     tzset();
 
     const QByteArray afterFirst = content();
-    const auto match = QRegularExpression(QStringLiteral(R"(^\[(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}) \+0000\] first\n$)"))
-                           .match(QString::fromUtf8(afterFirst));
+    const auto match =
+        QRegularExpression(QStringLiteral(R"(^\[(\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}) \+0000\] first\n$)"))
+            .match(QString::fromUtf8(afterFirst));
     ASSERT_TRUE(match.hasMatch()) << afterFirst.constData();
     QDateTime stamped = QDateTime::fromString(match.captured(1), QStringLiteral("yyyy-MM-dd HH:mm:ss"));
     stamped.setTimeSpec(Qt::UTC);

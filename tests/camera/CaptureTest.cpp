@@ -4,8 +4,6 @@
 
 #include "camera/CaptureSession.h"
 
-
-
 namespace vistrel::test {
 namespace {
 
@@ -105,8 +103,8 @@ TEST_F(CameraCaptureTest, PicturesAtTheCameraSizeAndAFailingDeviceKeepsTheLastOn
 TEST_F(CameraCaptureTest, WhichFramesBecomePictures)
 {
     std::atomic<bool> held{false}, streaming{false};
-    camera::CameraSource source(&discovery, QSize(1280, 720), [&] { return held.load(); },
-                                [&] { return streaming.load(); });
+    camera::CameraSource source(
+        &discovery, QSize(1280, 720), [&] { return held.load(); }, [&] { return streaming.load(); });
     // Counted, not kept: a picture held on to keeps its buffer from the converter's pool.
     int pictures = 0;
     QObject::connect(&source, &camera::CameraSource::pictureTaken, [&] { ++pictures; });

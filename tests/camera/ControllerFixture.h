@@ -4,9 +4,9 @@
 #include "ScriptedFileDialogs.h"
 #include "TestCameraProvider.h"
 #include "TestServices.h"
-#include "ui/MainWindowController.h"
-#include "camera/DeviceMonitorDiscovery.h"
 #include "camera/CameraSource.h"
+#include "camera/DeviceMonitorDiscovery.h"
+#include "ui/MainWindowController.h"
 #include "ui/ViewController.h"
 #include "vcam/VirtualCameraLink.h"
 
@@ -17,7 +17,10 @@
 #include <memory>
 #include <ostream>
 
-inline void PrintTo(const QString &text, std::ostream *out) { *out << '"' << text.toStdString() << '"'; }
+inline void PrintTo(const QString &text, std::ostream *out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
 
 namespace vistrel::test {
 

@@ -50,8 +50,9 @@ TEST_F(EffectsTest, ShutterAlternatesEverySecondFreezeShiftsThePhaseAndStoppingL
     EXPECT_EQ(shutter->text(), QStringLiteral("Stutter"));
     env.clock.advance(3.0);
     EXPECT_FALSE(frozen());
-    EXPECT_EQ(console.lines(), (QStringList{QStringLiteral("Shutter activé : effet freeze toutes les 1s"),
-                                            QStringLiteral("Shutter désactivé")}));
+    EXPECT_EQ(console.lines(),
+              (QStringList{QStringLiteral("Shutter activé : effet freeze toutes les 1s"),
+                           QStringLiteral("Shutter désactivé")}));
 
     // Frozen by the button, a shutter started and stopped leaves it live with the
     // button's last title; a shutter started again begins a new second.

@@ -11,8 +11,8 @@
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
 #include <mutex>
-#include <vector>
 #include <utility>
+#include <vector>
 
 namespace vistrel::camera {
 namespace {
@@ -113,8 +113,8 @@ int largestChannelError(const QImage &a, const QImage &b)
     for (int y = 0; y < a.height(); ++y)
         for (int x = 0; x < a.width(); ++x) {
             const QRgb p = a.pixel(x, y), q = b.pixel(x, y);
-            largest = std::max({largest, std::abs(qRed(p) - qRed(q)), std::abs(qGreen(p) - qGreen(q)),
-                                std::abs(qBlue(p) - qBlue(q))});
+            largest = std::max(
+                {largest, std::abs(qRed(p) - qRed(q)), std::abs(qGreen(p) - qGreen(q)), std::abs(qBlue(p) - qBlue(q))});
         }
     return largest;
 }
@@ -133,20 +133,19 @@ TEST(IntakeConversionTest, CameraYuvBecomesThePictureItWasMadeFrom)
         const char *format;
         const char *colorimetry;
         int tolerance; // libyuv's 6-bit BT.601 tables stray up to 7 levels at saturated ends
-    } layouts[] = {{"YUY2", "bt601", 7}, {"YUY2", kFullRange601, 7}, {"UYVY", "bt601", 7},
-                   {"NV12", "bt601", 7}, {"NV12", "bt709", 1},       {"NV21", "bt601", 7},
-                   {"I420", "bt601", 7}, {"YV12", "bt601", 7},       {"Y42B", "bt601", 7},
-                   {"Y444", kFullRange601, 7}};
+    } layouts[] = {{"YUY2", "bt601", 7}, {"YUY2", kFullRange601, 7}, {"UYVY", "bt601", 7}, {"NV12", "bt601", 7},
+                   {"NV12", "bt709", 1}, {"NV21", "bt601", 7},       {"I420", "bt601", 7}, {"YV12", "bt601", 7},
+                   {"Y42B", "bt601", 7}, {"Y444", kFullRange601, 7}};
     const QSize largest(160, 90);
-    const std::pair<QSize, QSize> sizes[] = {{{256, 192}, {}},     {{257, 193}, {}},      {{240, 135}, largest},
+    const std::pair<QSize, QSize> sizes[] = {{{256, 192}, {}},      {{257, 193}, {}},     {{240, 135}, largest},
                                              {{480, 270}, largest}, {{320, 60}, largest}, {{150, 200}, largest},
                                              {{200, 100}, largest}};
     for (const auto &[size, bound] : sizes) {
         const QImage picture = gradient(size.width(), size.height());
         const QSize expected = bound.isEmpty() ? size : size.boundedTo(bound);
         for (const auto &layout : layouts) {
-            SCOPED_TRACE(testing::Message() << layout.format << " " << layout.colorimetry << " " << size.width() << "x"
-                                            << size.height());
+            SCOPED_TRACE(testing::Message()
+                         << layout.format << " " << layout.colorimetry << " " << size.width() << "x" << size.height());
             const SamplePtr frame = cameraFrame(picture, layout.format, layout.colorimetry);
             ASSERT_TRUE(frame);
             Intake intake(gst_sample_get_caps(frame.get()), bound);

@@ -1,8 +1,8 @@
 // The movie source with real files made at run time: forwards then backwards at each
 // end, failed and stalled files back to the camera, stop, a second file, bad choices.
 #include "ControllerFixture.h"
-#include "camera/VideoFileSource.h"
 #include "TestHome.h"
+#include "camera/VideoFileSource.h"
 
 #include "camera/MoviePlayer.h"
 
@@ -74,7 +74,11 @@ protected:
         const auto alerts = env.alerts.shown.size();
         window->findChild<QPushButton *>(QStringLiteral("openVideoButton"))->click();
         (void)QTest::qWaitFor(
-            [&] { return (vc->videoFileSource().playerItem() && vc->videoFileSource().playerItem() != previous) || env.alerts.shown.size() > alerts; }, 3000);
+            [&] {
+                return (vc->videoFileSource().playerItem() && vc->videoFileSource().playerItem() != previous)
+                    || env.alerts.shown.size() > alerts;
+            },
+            3000);
     }
 
     // chooseMovie for a file that must be taken.
@@ -118,8 +122,8 @@ TEST_F(MovieSourceTest, PlaysForwardsThenBackwardsAndStops)
 // seek is refused) and an MPEG transport stream (the seek is taken, then nothing comes).
 TEST_F(MovieSourceTest, AnEndThatCannotTurnReturnsToTheCamera)
 {
-    for (const QString &path : {movie(QStringLiteral("live.mkv"), kH264 + QStringList{"-live", "1"}),
-                                movie(QStringLiteral("h264.ts"))}) {
+    for (const QString &path :
+         {movie(QStringLiteral("live.mkv"), kH264 + QStringList{"-live", "1"}), movie(QStringLiteral("h264.ts"))}) {
         SCOPED_TRACE(path.toStdString());
         open(path);
         vc->videoFileSource().player()->setStallTimeout(300);
@@ -169,10 +173,11 @@ TEST_F(MovieSourceTest, BadChoicesSayWhyAndKeepTheCamera)
         {ColourMovies::ffmpeg(dir.path(), QStringLiteral("sound only.mp4"),
                               {"-f", "lavfi", "-i", "sine=d=1", "-c:a", "aac"}),
          Fails, failed + QStringLiteral("The file has no video track.")},
-        {ColourMovies::ffmpeg(dir.path(), QStringLiteral("huge.mkv"),
-                              {"-f", "lavfi", "-i", "color=c=cyan:s=8000x8000:r=5:d=0.6", "-c:v", "mjpeg", "-q:v",
-                               "10"}),
-         Plays, {}},
+        {ColourMovies::ffmpeg(
+             dir.path(), QStringLiteral("huge.mkv"),
+             {"-f", "lavfi", "-i", "color=c=cyan:s=8000x8000:r=5:d=0.6", "-c:v", "mjpeg", "-q:v", "10"}),
+         Plays,
+         {}},
         {oddName, Plays, {}},
     };
     // The longest time the event loop went without turning, per choice.

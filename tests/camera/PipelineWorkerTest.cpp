@@ -1,7 +1,7 @@
 // The worker that changes pipeline states off the main thread: at exit it joins what
 // it started, and a pipeline that will not reach NULL is reported and left behind.
-#include "SystemLogCapture.h"
 #include "camera/gst/PipelineWorker.h"
+#include "SystemLogCapture.h"
 
 #include <QElapsedTimer>
 #include <QTest>
@@ -92,8 +92,9 @@ TEST(PipelineWorkerTest, AStuckPipelineIsReportedAndLeftBehindAtExit)
         EXPECT_GE(exit.elapsed(), 300);
         EXPECT_LT(exit.elapsed(), 1500) << "the exit waits no longer than its bound";
     }
-    EXPECT_EQ(log.lines(), QStringList{QStringLiteral("Pipeline worker: 1 pipeline(s) did not stop within 300 ms; "
-                                                      "left running until the process ends")});
+    EXPECT_EQ(log.lines(),
+              QStringList{QStringLiteral("Pipeline worker: 1 pipeline(s) did not stop within 300 ms; "
+                                         "left running until the process ends")});
     gate.open = true;
     gate.open.notify_all();
     EXPECT_TRUE(QTest::qWaitFor([&] { return currentState(stuck) == GST_STATE_NULL; }, 5000));

@@ -24,8 +24,14 @@ using namespace vistrel;
 
 namespace {
 
-QString description(StepRow *row) { return row->findChild<QLabel *>(QStringLiteral("description"))->text(); }
-QColor fill(QPushButton *button) { return button->property("fillColor").value<QColor>(); }
+QString description(StepRow *row)
+{
+    return row->findChild<QLabel *>(QStringLiteral("description"))->text();
+}
+QColor fill(QPushButton *button)
+{
+    return button->property("fillColor").value<QColor>();
+}
 const QColor kGrey(0x8e, 0x8e, 0x93);
 
 } // namespace
@@ -55,8 +61,9 @@ TEST(OnboardingViewTest, RowsActionsAndTheRefreshTimerFollowTheFlagsAndFinishIsG
     install->click();
     ASSERT_EQ(env.alerts.shown.size(), 1);
     EXPECT_EQ(env.alerts.shown[0].title, QStringLiteral("Install Vistrel Camera Extension"));
-    EXPECT_EQ(env.alerts.shown[0].text, QStringLiteral("Vistrel will now install a system extension to provide you with the "
-                                                       "Vistrel camera functionality. This will require administrator privileges."));
+    EXPECT_EQ(env.alerts.shown[0].text,
+              QStringLiteral("Vistrel will now install a system extension to provide you with the "
+                             "Vistrel camera functionality. This will require administrator privileges."));
     EXPECT_EQ(env.alerts.shown[0].buttons, (QStringList{QStringLiteral("Continue"), QStringLiteral("Cancel")}));
     EXPECT_TRUE(manager.requests.empty());
 
@@ -67,11 +74,13 @@ TEST(OnboardingViewTest, RowsActionsAndTheRefreshTimerFollowTheFlagsAndFinishIsG
     view.startExtensionRefreshTimer(); // starts the two seconds again: never two timers at once
     EXPECT_EQ(timers(), 1);
     env.clock.advance(1.5);
-    EXPECT_EQ(description(view.extensionRow()), QStringLiteral("Install the virtual camera system extension.")) << "not before the tick";
+    EXPECT_EQ(description(view.extensionRow()), QStringLiteral("Install the virtual camera system extension."))
+        << "not before the tick";
     env.clock.advance(0.5);
     EXPECT_EQ(description(view.extensionRow()), QStringLiteral("Enable the extension (see Camera Help)."));
     install->click();
-    EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{sysext::CameraExtensionHelper::extensionSettingsUrl(env.services.bundle)});
+    EXPECT_EQ(env.urlOpener.opened,
+              QList<QUrl>{sysext::CameraExtensionHelper::extensionSettingsUrl(env.services.bundle)});
     EXPECT_EQ(env.alerts.shown.size(), 1);
 
     // Hiding stops the timer; a change made while hidden is picked up on showing.
@@ -118,8 +127,10 @@ TEST(OnboardingWindowTest, TheWindowIsFixedTracedAndReplacedAndCompletionClosesI
     EXPECT_EQ(first->windowTitle(), QStringLiteral("Welcome to Vistrel"));
     EXPECT_EQ(first->minimumSize(), first->maximumSize()) << "the window must not be resizable";
     EXPECT_EQ(env.application.activateCalls, 1);
-    EXPECT_TRUE(QString::fromUtf8(test::readFile(traceLogPath())).contains(QRegularExpression(QStringLiteral(
-        R"(^\[[^\]]+\] showOnboarding called\n\[[^\]]+\] onboarding window shown — frame=\(-?\d+\.0, -?\d+\.0, 600\.0, 640\.0\) isVisible=true screen=Optional\(QScreen\(0x[0-9a-f]+\)\)\n$)"))))
+    EXPECT_TRUE(
+        QString::fromUtf8(test::readFile(traceLogPath()))
+            .contains(QRegularExpression(QStringLiteral(
+                R"(^\[[^\]]+\] showOnboarding called\n\[[^\]]+\] onboarding window shown — frame=\(-?\d+\.0, -?\d+\.0, 600\.0, 640\.0\) isVisible=true screen=Optional\(QScreen\(0x[0-9a-f]+\)\)\n$)"))))
         << test::readFile(traceLogPath()).constData();
 
     // A second window replaces the controller; the first window stays up.
@@ -152,7 +163,8 @@ TEST(OnboardingWindowTest, ClosingTheWindowKeepsTheAppAndASecondLaunchShowsItAga
     const QString key = runtime.filePath(QStringLiteral("instance"));
     SingleInstance claim(key);
     ASSERT_TRUE(claim.listen());
-    QObject::connect(&claim, &SingleInstance::activationRequested, &delegate, &AppDelegate::applicationShouldHandleReopen);
+    QObject::connect(&claim, &SingleInstance::activationRequested, &delegate,
+                     &AppDelegate::applicationShouldHandleReopen);
 
     delegate.applicationDidFinishLaunching();
     ASSERT_TRUE(delegate.onboardingInProgress);

@@ -23,12 +23,13 @@ public:
         const QString bundle = root() + QStringLiteral("/share/vistrel/SystemExtensions/") + kIdentifier;
         QDir().mkpath(bundle);
         const QString staged = QStringLiteral(VISTREL_BINARY_DIR "/share/vistrel/SystemExtensions/") + kIdentifier;
-        for (const QString &name : {QStringLiteral("manifest"), QStringLiteral("modprobe.conf"), QStringLiteral("modules-load.conf")})
+        for (const QString &name :
+             {QStringLiteral("manifest"), QStringLiteral("modprobe.conf"), QStringLiteral("modules-load.conf")})
             QFile::copy(staged + QLatin1Char('/') + name, bundle + QLatin1Char('/') + name);
-        for (const QString &dir : {QStringLiteral("etc/modprobe.d"), QStringLiteral("etc/modules-load.d"),
-                                   QStringLiteral("sys/class/video4linux"), QStringLiteral("sys/module"),
-                                   QStringLiteral("kernel"), QStringLiteral("sbin"), QStringLiteral("bin"),
-                                   QStringLiteral("run")})
+        for (const QString &dir :
+             {QStringLiteral("etc/modprobe.d"), QStringLiteral("etc/modules-load.d"),
+              QStringLiteral("sys/class/video4linux"), QStringLiteral("sys/module"), QStringLiteral("kernel"),
+              QStringLiteral("sbin"), QStringLiteral("bin"), QStringLiteral("run")})
             QDir().mkpath(path(dir));
         writeTool(QStringLiteral("sbin/modinfo"), QString::fromUtf8(R"sh(
 echo "modinfo $*" >> "$R/kernel/log"
@@ -72,8 +73,14 @@ esac
 
     QString root() const { return m_dir.path(); }
     QString path(const QString &relative) const { return root() + QLatin1Char('/') + relative; }
-    QString modprobeFile() const { return path(QStringLiteral("etc/modprobe.d/") + kIdentifier + QStringLiteral(".conf")); }
-    QString modulesLoadFile() const { return path(QStringLiteral("etc/modules-load.d/") + kIdentifier + QStringLiteral(".conf")); }
+    QString modprobeFile() const
+    {
+        return path(QStringLiteral("etc/modprobe.d/") + kIdentifier + QStringLiteral(".conf"));
+    }
+    QString modulesLoadFile() const
+    {
+        return path(QStringLiteral("etc/modules-load.d/") + kIdentifier + QStringLiteral(".conf"));
+    }
 
     // The module is installed on disk (modinfo and modprobe find it) in this version;
     // an empty version is a module without one, as Debian 12's 0.12.7 is built.
@@ -87,7 +94,10 @@ esac
         setUseCount(useCount);
         addDevice(10, deviceName, true);
     }
-    void setUseCount(int count) { write(QStringLiteral("sys/module/v4l2loopback/refcnt"), QString::number(count) + QLatin1Char('\n')); }
+    void setUseCount(int count)
+    {
+        write(QStringLiteral("sys/module/v4l2loopback/refcnt"), QString::number(count) + QLatin1Char('\n'));
+    }
     void addDevice(int number, const QString &name, bool loopback)
     {
         const QString device = QStringLiteral("sys/class/video4linux/video") + QString::number(number);
@@ -95,25 +105,26 @@ esac
         if (loopback)
             write(device + QStringLiteral("/max_openers"), QStringLiteral("10\n"));
     }
-    QStringList toolLog() const { return read(QStringLiteral("kernel/log")).split(QLatin1Char('\n'), Qt::SkipEmptyParts); }
+    QStringList toolLog() const
+    {
+        return read(QStringLiteral("kernel/log")).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
 
     // Both take a path inside the machine, or one of its absolute paths (modprobeFile()...).
     void write(const QString &relative, const QString &content) const
     {
         writeFile(absolute(relative), content.toUtf8());
     }
-    QString read(const QString &relative) const
-    {
-        return QString::fromUtf8(readFile(absolute(relative)));
-    }
+    QString read(const QString &relative) const { return QString::fromUtf8(readFile(absolute(relative))); }
 
 private:
     QString absolute(const QString &file) const { return file.startsWith(QLatin1Char('/')) ? file : path(file); }
     void writeTool(const QString &relative, const QString &body) const
     {
         write(relative, QStringLiteral("#!/bin/sh\nR=\"$(cd \"$(dirname \"$0\")/..\" && pwd)\"\n") + body);
-        QFile::setPermissions(path(relative), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
-                                                  | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
+        QFile::setPermissions(path(relative),
+                              QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
+                                  | QFile::ExeGroup | QFile::ReadOther | QFile::ExeOther);
     }
 
     QTemporaryDir m_dir{QDir::tempPath() + QStringLiteral("/vistrel-machine-XXXXXX")};

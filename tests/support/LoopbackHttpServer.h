@@ -69,8 +69,8 @@ private:
             const bool bodyless = status == 204 || status == 304;
             QByteArray answer = "HTTP/1.1 " + QByteArray::number(status) + ' ' + reason(status) + "\r\n";
             if (!bodyless)
-                answer += "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size())
-                          + "\r\n";
+                answer +=
+                    "Content-Type: application/json\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n";
             answer += "Connection: close\r\n\r\n";
             if (!bodyless)
                 answer += body;

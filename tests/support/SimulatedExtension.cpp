@@ -10,8 +10,7 @@ using namespace vcam;
 
 SimulatedQueue::SimulatedQueue(int capacity, std::function<void()> queueAltered)
     : m_capacity(capacity), m_queueAltered(std::move(queueAltered))
-{
-}
+{}
 
 SimulatedQueue::~SimulatedQueue()
 {

@@ -50,9 +50,9 @@ GstDevice *makeCamera(const char *name, const char *sourceDescription)
     GstCaps *caps = gst_caps_from_string("video/x-raw");
     GstStructure *properties = gst_structure_new("properties", "device.path", G_TYPE_STRING,
                                                  (QByteArray("/dev/test-camera/") + name).constData(), nullptr);
-    auto *camera = static_cast<TestCamera *>(g_object_new(test_camera_get_type(), "display-name", name,
-                                                          "device-class", "Video/Source", "caps", caps,
-                                                          "properties", properties, nullptr));
+    auto *camera =
+        static_cast<TestCamera *>(g_object_new(test_camera_get_type(), "display-name", name, "device-class",
+                                               "Video/Source", "caps", caps, "properties", properties, nullptr));
     gst_caps_unref(caps);
     gst_structure_free(properties);
     camera->sourceDescription = g_strdup(sourceDescription);
@@ -62,7 +62,7 @@ GstDevice *makeCamera(const char *name, const char *sourceDescription)
 QByteArray solidColourSource(const char *pattern)
 {
     return QByteArray("videotestsrc is-live=true pattern=") + pattern
-           + " ! capsfilter caps=\"video/x-raw,format=I420,width=160,height=120,framerate=30/1\"";
+        + " ! capsfilter caps=\"video/x-raw,format=I420,width=160,height=120,framerate=30/1\"";
 }
 
 // --- the provider ----------------------------------------------------------------

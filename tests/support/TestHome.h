@@ -7,7 +7,10 @@
 namespace vistrel::test {
 
 // The temporary HOME that the test main set up for this process.
-inline QString home() { return QDir::homePath(); }
+inline QString home()
+{
+    return QDir::homePath();
+}
 
 // Points HOME and XDG_CONFIG_HOME at `path`, so that settings and the trace file never
 // touch the user's.

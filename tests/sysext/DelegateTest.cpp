@@ -2,10 +2,10 @@
 // and the application delegate's trace lines, alerts, flag, notification, relaunch and quit.
 #include "app/AppDelegate.h"
 #include "core/TraceLog.h"
-#include "ui/ExtensionRequests.h"
-#include "ui/ViewController.h"
 #include "sysext/CameraExtensionHelper.h"
 #include "sysext/ExtensionManager.h"
+#include "ui/ExtensionRequests.h"
+#include "ui/ViewController.h"
 
 #include "ConsoleCapture.h"
 #include "FakeExtensionManager.h"
@@ -22,7 +22,8 @@ namespace {
 // One alert on one line: title | text | buttons, then "| warning" for the warning style.
 QString shown(const AlertSpec &alert)
 {
-    return alert.title + " | " + alert.text + " | " + alert.buttons.join(", ") + (alert.style == AlertStyle::Warning ? " | warning" : "");
+    return alert.title + " | " + alert.text + " | " + alert.buttons.join(", ")
+        + (alert.style == AlertStyle::Warning ? " | warning" : "");
 }
 
 class DelegateTest : public ::testing::Test
@@ -57,14 +58,17 @@ TEST_F(DelegateTest, TheControllerRequestsReportsEachAnswerInItsOwnWordsAndWarns
 
     // The controller's messages for one answer, joined with " / ".
     const auto says = [&](bool activating, const std::function<void(ExtensionRequests &)> &answer) {
-        requests.requestExtensionChange(activating ? sysext::RequestKind::Activation : sysext::RequestKind::Deactivation);
+        requests.requestExtensionChange(activating ? sysext::RequestKind::Activation
+                                                   : sysext::RequestKind::Deactivation);
         test::ConsoleCapture console;
         answer(requests);
         QStringList messages = console.lines().filter(QStringLiteral("showMessage "));
         return messages.replaceInStrings(QStringLiteral("showMessage "), QString()).join(" / ");
     };
     const auto finish = [](int result) { return [result](auto &d) { d.requestDidFinishWithResult(result); }; };
-    const auto fail = [](int code) { return [code](auto &d) { d.requestDidFailWithError({sysext::kSystemExtensionErrorDomain, code, "x"}); }; };
+    const auto fail = [](int code) {
+        return [code](auto &d) { d.requestDidFailWithError({sysext::kSystemExtensionErrorDomain, code, "x"}); };
+    };
     // Through the delegate handed to the manager, so the answers reach this controller.
     EXPECT_EQ(says(true, [&](auto &) { manager.requests[0].delegate->requestDidFinishWithResult(0); }),
               "Request finished with result: 0 / The camera is activated");
@@ -73,8 +77,10 @@ TEST_F(DelegateTest, TheControllerRequestsReportsEachAnswerInItsOwnWordsAndWarns
               "Replacing extension version 0.9 with 1.0");
     EXPECT_EQ(says(true, [](auto &d) { d.requestNeedsUserApproval(); }),
               "Extension needs user approval and please restart the Vistrel to finish activating the camera");
-    EXPECT_EQ(says(true, finish(1)), "Request finished with result: 1 / Please reboot to finish activating the Dorvane camera");
-    EXPECT_EQ(says(false, finish(1)), "Request finished with result: 1 / Please Reboot to finish deactivating the Dorvane camera");
+    EXPECT_EQ(says(true, finish(1)),
+              "Request finished with result: 1 / Please reboot to finish activating the Dorvane camera");
+    EXPECT_EQ(says(false, finish(1)),
+              "Request finished with result: 1 / Please Reboot to finish deactivating the Dorvane camera");
     EXPECT_EQ(says(false, finish(0)), "Request finished with result: 0 / The camera is deactivated");
     EXPECT_EQ(says(true, fail(3)), "Failed to activate the camera, install Vistrel on this computer first :)");
     EXPECT_EQ(says(false, fail(1)), "Failed to deactivate the camera");
@@ -88,8 +94,9 @@ TEST_F(DelegateTest, TheControllerRequestsReportsEachAnswerInItsOwnWordsAndWarns
         requests.warnIfExtensionNotActivated();
     }
     ASSERT_EQ(env.alerts.shown.size(), 2);
-    EXPECT_EQ(shown(env.alerts.shown[0]), "Camera Extension Not Activated | The Vistrel camera extension is installed but not "
-                                          "activated. Open Camera Help to enable it. | Open Camera Help, Later | warning");
+    EXPECT_EQ(shown(env.alerts.shown[0]),
+              "Camera Extension Not Activated | The Vistrel camera extension is installed but not "
+              "activated. Open Camera Help to enable it. | Open Camera Help, Later | warning");
     EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{helpPage()}) << "opened once, not for Later";
 }
 
@@ -98,7 +105,10 @@ TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQu
     AppDelegate delegate(env.services);
     const auto effects = [&] {
         return QStringLiteral("installed=%1 notified=%2 relaunched=%3 quit=%4")
-            .arg(int(env.defaults->boolForKey("extensionInstalled"))).arg(posted).arg(env.launcher.programs.size()).arg(env.application.terminateCalls);
+            .arg(int(env.defaults->boolForKey("extensionInstalled")))
+            .arg(posted)
+            .arg(env.launcher.programs.size())
+            .arg(env.application.terminateCalls);
     };
     EXPECT_EQ(delegate.actionForReplacingExtension("0.9", "1.0"), sysext::Replace);
     delegate.requestNeedsUserApproval();
@@ -106,14 +116,16 @@ TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQu
     delegate.requestDidFailWithError({"NSPOSIXErrorDomain", 3, "No such process"});
     env.alerts.answers = {0, 1, 1}; // the first alert opens the help page
     ASSERT_TRUE(QTest::qWaitFor([&] { return env.alerts.shown.size() == 3; }));
-    EXPECT_EQ(shown(env.alerts.shown[0]),
-              "Approval Required | Please allow Vistrel to install the camera extension: enter your password when asked, and "
-              "approve its signing key at the next restart if your computer uses Secure Boot.\n\nYou may need to restart "
-              "Vistrel after approving. | Open Camera Help, Close | warning");
-    EXPECT_EQ(shown(env.alerts.shown[1]),
-              "Installation Failed | Vistrel cannot install the camera extension unless the app is installed on this "
-              "computer.\n\nQuit Vistrel, install it (for example with “sudo cmake --install build”), then reopen it. | "
-              "Open Camera Help, Close | warning");
+    EXPECT_EQ(
+        shown(env.alerts.shown[0]),
+        "Approval Required | Please allow Vistrel to install the camera extension: enter your password when asked, and "
+        "approve its signing key at the next restart if your computer uses Secure Boot.\n\nYou may need to restart "
+        "Vistrel after approving. | Open Camera Help, Close | warning");
+    EXPECT_EQ(
+        shown(env.alerts.shown[1]),
+        "Installation Failed | Vistrel cannot install the camera extension unless the app is installed on this "
+        "computer.\n\nQuit Vistrel, install it (for example with “sudo cmake --install build”), then reopen it. | "
+        "Open Camera Help, Close | warning");
     EXPECT_EQ(shown(env.alerts.shown[2]),
               "Installation Failed | The camera extension could not be installed.\n\nPlease make sure the v4l2loopback "
               "kernel module is installed (Camera Help shows how) and allow Vistrel to set it up when asked for your "
@@ -123,8 +135,9 @@ TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQu
     delegate.requestDidFinishWithResult(sysext::Completed);
     EXPECT_EQ(env.alerts.shown.size(), 3) << "the alert waits until the callback has returned";
     ASSERT_TRUE(QTest::qWaitFor([&] { return env.alerts.shown.size() == 4; }));
-    EXPECT_EQ(shown(env.alerts.shown[3]), "Camera Extension Installed | Vistrel must relaunch for the camera extension to "
-                                          "become usable. This only takes a moment. | Relaunch Now");
+    EXPECT_EQ(shown(env.alerts.shown[3]),
+              "Camera Extension Installed | Vistrel must relaunch for the camera extension to "
+              "become usable. This only takes a moment. | Relaunch Now");
     EXPECT_EQ(effects(), "installed=1 notified=1 relaunched=1 quit=1");
 
     env.defaults->setBool("extensionInstalled", false);
@@ -132,15 +145,18 @@ TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQu
     delegate.requestDidFinishWithResult(7); // other results do nothing
     QTest::qWait(20);
     ASSERT_EQ(env.alerts.shown.size(), 5);
-    EXPECT_EQ(shown(env.alerts.shown[4]), "Restart Your Computer | The camera extension will finish installing after you "
-                                          "restart your computer. Vistrel will now quit — please reboot, then reopen "
-                                          "Vistrel. | Quit Vistrel | warning");
-    EXPECT_EQ(effects(), "installed=1 notified=1 relaunched=1 quit=2") << "no notification before the reboot, no relaunch";
+    EXPECT_EQ(shown(env.alerts.shown[4]),
+              "Restart Your Computer | The camera extension will finish installing after you "
+              "restart your computer. Vistrel will now quit — please reboot, then reopen "
+              "Vistrel. | Quit Vistrel | warning");
+    EXPECT_EQ(effects(), "installed=1 notified=1 relaunched=1 quit=2")
+        << "no notification before the reboot, no relaunch";
     QStringList trace;
     for (const QString &line : QString::fromUtf8(test::readFile(traceLogPath())).split('\n', Qt::SkipEmptyParts))
         trace << line.section("] ", 1);
-    EXPECT_EQ(trace.join('\n'), "sysext replace: 0.9 -> 1.0\nsysext needs user approval\n"
-                                 "sysext failed code=3 domain=OSSystemExtensionErrorDomain desc=The helper is missing.\n"
-                                 "sysext failed code=3 domain=NSPOSIXErrorDomain desc=No such process\n"
-                                 "sysext finished result=0\nsysext finished result=1\nsysext finished result=7");
+    EXPECT_EQ(trace.join('\n'),
+              "sysext replace: 0.9 -> 1.0\nsysext needs user approval\n"
+              "sysext failed code=3 domain=OSSystemExtensionErrorDomain desc=The helper is missing.\n"
+              "sysext failed code=3 domain=NSPOSIXErrorDomain desc=No such process\n"
+              "sysext finished result=0\nsysext finished result=1\nsysext finished result=7");
 }

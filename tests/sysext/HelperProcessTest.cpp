@@ -20,7 +20,13 @@ const QString kBundle = "share/vistrel/SystemExtensions/" + kId + "/";
 const QString kTestable = VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable";
 
 // out: the one output line, or all of them in <> when there are several or none.
-struct HelperRun { QString out; int exitCode; bool crashed; QString errors; };
+struct HelperRun
+{
+    QString out;
+    int exitCode;
+    bool crashed;
+    QString errors;
+};
 
 HelperRun run(const QStringList &arguments, const QString &program = kTestable)
 {
@@ -55,8 +61,9 @@ TEST_F(HelperProcessTest, ActivationIsSafeToRepeatAndAnOpenCameraLeavesAnInertRe
     EXPECT_EQ(helper("activate"), "outcome completed");
     EXPECT_EQ(machine.toolLog().filter("modprobe v4l2loopback").size(), 1) << "loaded once";
     EXPECT_EQ(QFileInfo(machine.modprobeFile()).lastModified(), written) << "an identical file is not rewritten";
-    EXPECT_EQ(helper("status"), "status identifier=app.vistrel.Vistrel.cameraextension installed=1.0 state=installed "
-                                "module=loaded moduleVersion=0.12.7 camera=/dev/video10");
+    EXPECT_EQ(helper("status"),
+              "status identifier=app.vistrel.Vistrel.cameraextension installed=1.0 state=installed "
+              "module=loaded moduleVersion=0.12.7 camera=/dev/video10");
 
     // A camera that is open cannot go before the next boot.
     machine.setUseCount(1);
@@ -73,17 +80,33 @@ TEST_F(HelperProcessTest, TheActivationOutcomeFollowsTheStateOfTheModule)
 {
     using Machine = FakeLoopbackMachine;
     // outcome: how the one output line starts; tool: a run that appears once in the tool log (none: no unload).
-    struct Case { const char *name; std::function<void(Machine &)> setUp; const char *outcome; bool record; const char *tool; };
-    const auto loaded = [](const char *version, int users) { return [=](Machine &m) { m.loadModule(version, "OBS Virtual Camera", users); }; };
+    struct Case
+    {
+        const char *name;
+        std::function<void(Machine &)> setUp;
+        const char *outcome;
+        bool record;
+        const char *tool;
+    };
+    const auto loaded = [](const char *version, int users) {
+        return [=](Machine &m) { m.loadModule(version, "OBS Virtual Camera", users); };
+    };
     const Case cases[] = {
         {"no module", [](Machine &) {}, "outcome failed 4 ", false, nullptr},
         // Debian 12's v4l2loopback carries no version and was once refused as not installed.
-        {"module without a version", [](Machine &m) { m.installModule(QString()); }, "outcome completed", true, "modprobe v4l2loopback"},
+        {"module without a version", [](Machine &m) { m.installModule(QString()); }, "outcome completed", true,
+         "modprobe v4l2loopback"},
         // The record stays, so the module loads once its key is enrolled.
-        {"key rejected", [](Machine &m) { m.installModule("0.12.7"); m.rejectModuleKey(); }, "outcome needs-approval", true, nullptr},
+        {"key rejected",
+         [](Machine &m) {
+             m.installModule("0.12.7");
+             m.rejectModuleKey();
+         },
+         "outcome needs-approval", true, nullptr},
         {"0.12.7 loaded, idle", loaded("0.12.7", 0), "outcome completed", true, "modprobe -r v4l2loopback"},
         {"0.12.7 loaded, in use", loaded("0.12.7", 1), "outcome reboot", true, nullptr},
-        {"0.13.2 loaded, in use", loaded("0.13.2", 1), "outcome completed", true, "v4l2loopback-ctl add -n Vistrel -x 1"},
+        {"0.13.2 loaded, in use", loaded("0.13.2", 1), "outcome completed", true,
+         "v4l2loopback-ctl add -n Vistrel -x 1"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -92,7 +115,8 @@ TEST_F(HelperProcessTest, TheActivationOutcomeFollowsTheStateOfTheModule)
         const QString out = ::helper(m, "activate");
         EXPECT_TRUE(out.startsWith(c.outcome)) << out.toStdString();
         EXPECT_EQ(QFileInfo::exists(m.modprobeFile()), c.record);
-        EXPECT_EQ(m.toolLog().filter(c.tool ? c.tool : "-r").size(), c.tool ? 1 : 0) << m.toolLog().join('|').toStdString();
+        EXPECT_EQ(m.toolLog().filter(c.tool ? c.tool : "-r").size(), c.tool ? 1 : 0)
+            << m.toolLog().join('|').toStdString();
     }
 }
 
@@ -115,11 +139,14 @@ TEST_F(HelperProcessTest, HostileArgumentsAreRefusedWithOneLineAndNoChange)
         EXPECT_TRUE(refused.exitCode != 126 && refused.exitCode != 127) << "pkexec's own codes";
         EXPECT_FALSE(refused.errors.isEmpty()) << "the reason is explained";
     }
-    EXPECT_FALSE(QDirIterator(machine.path("etc"), QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories).hasNext());
+    EXPECT_FALSE(
+        QDirIterator(machine.path("etc"), QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories)
+            .hasNext());
     EXPECT_TRUE(machine.toolLog().isEmpty()) << "no tool was run";
 
     // The installed helper has no test switches at all: its folders cannot be moved.
-    const HelperRun installed = run({root, "status", kId}, VISTREL_BINARY_DIR "/libexec/vistrel/vistrel-camera-extension-helper");
+    const HelperRun installed =
+        run({root, "status", kId}, VISTREL_BINARY_DIR "/libexec/vistrel/vistrel-camera-extension-helper");
     EXPECT_TRUE(installed.out.startsWith("outcome failed 1 "));
     EXPECT_EQ(installed.exitCode, 2);
 }
@@ -135,7 +162,8 @@ TEST_F(HelperProcessTest, FilesOnDiskAreNeverHalfWrittenAndUnexpectedOnesAreLeft
     EXPECT_TRUE(run({"--test-root=" + machine.root(), "--test-crash-mid-write", "activate", kId}).crashed);
     EXPECT_EQ(machine.read(machine.modprobeFile()), old) << "never half-written";
     EXPECT_EQ(dir.entryList(QDir::Files | QDir::Hidden).size(), 2) << "the old file and the abandoned temporary";
-    EXPECT_EQ(dir.entryList({"*.conf"}, QDir::Files | QDir::Hidden), QStringList{kId + ".conf"}) << "modprobe ignores the temporary";
+    EXPECT_EQ(dir.entryList({"*.conf"}, QDir::Files | QDir::Hidden), QStringList{kId + ".conf"})
+        << "modprobe ignores the temporary";
 
     EXPECT_EQ(helper("activate"), "outcome completed");
     EXPECT_EQ(dir.entryList(QDir::Files | QDir::Hidden), QStringList{kId + ".conf"}) << "the temporary is cleaned up";
@@ -160,7 +188,8 @@ TEST_F(HelperProcessTest, FilesOnDiskAreNeverHalfWrittenAndUnexpectedOnesAreLeft
     machine.write(bundled, original + "install v4l2loopback /bin/sh -c 'id > /tmp/owned'\n");
     EXPECT_TRUE(helper("activate").startsWith("outcome failed 1 refusing"));
     machine.write(bundled, original);
-    QFile::setPermissions(machine.path(bundled), QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther | QFile::WriteOther);
+    QFile::setPermissions(machine.path(bundled),
+                          QFile::ReadOwner | QFile::WriteOwner | QFile::ReadOther | QFile::WriteOther);
     EXPECT_TRUE(helper("activate").contains("not installed safely"));
     EXPECT_FALSE(QFileInfo::exists(machine.modprobeFile())) << "refused before anything is written";
 }
@@ -169,7 +198,8 @@ TEST_F(HelperProcessTest, OnlyTheOptionsModprobeReadsReachTheLoopbackToolAndHost
 {
     // 0.13 in use: the camera is added with v4l2loopback-ctl from the bundle's options; null: refused.
     const std::pair<QString, const char *> cases[] = {
-        {"# card_label=$(reboot) exclusive_caps=0\n  # card_label=Other\n\noptions v4l2loopback devices=1 card_label=Vistrel exclusive_caps=1\n", "-n Vistrel -x 1"},
+        {"# card_label=$(reboot) exclusive_caps=0\n  # card_label=Other\n\noptions v4l2loopback devices=1 card_label=Vistrel exclusive_caps=1\n",
+         "-n Vistrel -x 1"},
         {"options\tv4l2loopback\tdevices=1 \tcard_label=Vistrel\texclusive_caps=0\n", "-n Vistrel -x 0"},
         {"options v4l2loopback card_label=--help\n", nullptr},
         {"options v4l2loopback card_label=" + QString(40, 'V') + "\n", nullptr},
@@ -186,7 +216,8 @@ TEST_F(HelperProcessTest, OnlyTheOptionsModprobeReadsReachTheLoopbackToolAndHost
         m.write(kBundle + "modprobe.conf", config);
         const QString out = ::helper(m, "activate");
         EXPECT_TRUE(out.startsWith(added ? "outcome completed" : "outcome failed 1 refusing")) << out.toStdString();
-        EXPECT_EQ(m.toolLog().filter("v4l2loopback-ctl").join('|').toStdString(), added ? "v4l2loopback-ctl add " + std::string(added) : "");
+        EXPECT_EQ(m.toolLog().filter("v4l2loopback-ctl").join('|').toStdString(),
+                  added ? "v4l2loopback-ctl add " + std::string(added) : "");
         EXPECT_EQ(QFileInfo::exists(m.modprobeFile()), added != nullptr);
     }
 }
@@ -196,7 +227,9 @@ TEST_F(HelperProcessTest, ABundleWithTwoFaultsIsReportedByTheFirst)
     for (const char *file : {"manifest", "modprobe.conf"})
         machine.write(kBundle + file, QString(70 * 1024, '#'));
     const QString out = helper("activate");
-    EXPECT_TRUE(out.startsWith("outcome failed 1 ") && out.contains(kBundle + "manifest") && !out.contains("modprobe.conf")) << out.toStdString();
+    EXPECT_TRUE(out.startsWith("outcome failed 1 ") && out.contains(kBundle + "manifest")
+                && !out.contains("modprobe.conf"))
+        << out.toStdString();
 }
 
 TEST_F(HelperProcessTest, RunsTakeTurnsSoParallelRequestsLeaveEtcWhole)
@@ -211,14 +244,18 @@ TEST_F(HelperProcessTest, RunsTakeTurnsSoParallelRequestsLeaveEtcWhole)
         }
         QStringList outcomes;
         for (const auto &process : runs)
-            outcomes << (process->waitForFinished(60000) ? QString::fromUtf8(process->readAllStandardOutput()).trimmed() : "hung");
+            outcomes << (process->waitForFinished(60000) ? QString::fromUtf8(process->readAllStandardOutput()).trimmed()
+                                                         : "hung");
         EXPECT_EQ(outcomes.filter("outcome completed").size(), 40) << outcomes.join('|').toStdString();
         // Both files whole or neither, and no temporaries left.
         const bool installed = QFileInfo::exists(machine.modprobeFile());
         for (const QString kind : {"modprobe", "modules-load"}) {
             const QString file = machine.path("etc/" + kind + ".d/" + kId + ".conf");
-            EXPECT_EQ(machine.read(file), installed ? kRecord + "1.0 state=installed\n" + machine.read(kBundle + kind + ".conf") : "");
-            EXPECT_EQ(QDir(machine.path("etc/" + kind + ".d")).entryList(QDir::Files | QDir::Hidden | QDir::System).join('|'), installed ? kId + ".conf" : "");
+            EXPECT_EQ(machine.read(file),
+                      installed ? kRecord + "1.0 state=installed\n" + machine.read(kBundle + kind + ".conf") : "");
+            EXPECT_EQ(
+                QDir(machine.path("etc/" + kind + ".d")).entryList(QDir::Files | QDir::Hidden | QDir::System).join('|'),
+                installed ? kId + ".conf" : "");
         }
     }
 }
@@ -261,13 +298,25 @@ TEST(LoopbackNodeRuleTest, TheAppAndTheHelperTellLoopbackDevicesApartAlike)
 {
     // A link named `at` in the entry to the folder `target` of the machine's sysfs.
     using Links = std::vector<std::pair<const char *, const char *>>;
-    struct Case { const char *name; Links links; bool maxOpeners; bool loopback; };
+    struct Case
+    {
+        const char *name;
+        Links links;
+        bool maxOpeners;
+        bool loopback;
+    };
     const Case cases[] = {
-        {"driver link to v4l2loopback", {{"device", "devices/platform/v4l2loopback.0"}, {"device/driver", "bus/platform/drivers/v4l2loopback"}}, false, true},
+        {"driver link to v4l2loopback",
+         {{"device", "devices/platform/v4l2loopback.0"}, {"device/driver", "bus/platform/drivers/v4l2loopback"}},
+         false,
+         true},
         {"device link, no driver", {{"device", "devices/virtual/v4l2loopback"}}, false, true},
         {"max_openers only", {}, true, true},
         // Another driver decides, whatever the entry's attributes say.
-        {"driver link to uvcvideo", {{"device", "devices/usb1/1-1:1.0"}, {"device/driver", "bus/usb/drivers/uvcvideo"}}, true, false},
+        {"driver link to uvcvideo",
+         {{"device", "devices/usb1/1-1:1.0"}, {"device/driver", "bus/usb/drivers/uvcvideo"}},
+         true,
+         false},
         {"nothing of the module", {}, false, false},
     };
     for (const Case &c : cases) {
@@ -285,7 +334,8 @@ TEST(LoopbackNodeRuleTest, TheAppAndTheHelperTellLoopbackDevicesApartAlike)
         const auto devices = vistrel::vcam::listVideoDevices(m.path("sys"), "/dev");
         ASSERT_EQ(devices.size(), 2u);
         EXPECT_EQ(devices[1].isLoopback(), c.loopback);
-        EXPECT_TRUE(helper(m, "status").endsWith(c.loopback ? " camera=/dev/video11" : " camera=none")) << helper(m, "status").toStdString();
+        EXPECT_TRUE(helper(m, "status").endsWith(c.loopback ? " camera=/dev/video11" : " camera=none"))
+            << helper(m, "status").toStdString();
     }
 }
 

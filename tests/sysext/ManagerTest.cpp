@@ -25,13 +25,22 @@ struct RecordingDelegate final : sysext::ExtensionRequestDelegate
 {
     QStringList answers;
     int replacement = sysext::Replace;
-    int actionForReplacingExtension(const QString &old, const QString &fresh) override { return answers << "replace " + old + " -> " + fresh, replacement; }
+    int actionForReplacingExtension(const QString &old, const QString &fresh) override
+    {
+        return answers << "replace " + old + " -> " + fresh, replacement;
+    }
     void requestNeedsUserApproval() override { answers << "approval"; }
     void requestDidFinishWithResult(int result) override { answers << "finished " + QString::number(result); }
-    void requestDidFailWithError(const sysext::ExtensionRequestError &e) override { answers << QStringLiteral("failed %1 %2 %3").arg(e.code).arg(e.domain, e.description); }
+    void requestDidFailWithError(const sysext::ExtensionRequestError &e) override
+    {
+        answers << QStringLiteral("failed %1 %2 %3").arg(e.code).arg(e.domain, e.description);
+    }
 };
 
-QString failed(int code) { return QStringLiteral("failed %1 %2 ").arg(code).arg(sysext::kSystemExtensionErrorDomain); }
+QString failed(int code)
+{
+    return QStringLiteral("failed %1 %2 ").arg(code).arg(sysext::kSystemExtensionErrorDomain);
+}
 
 class ManagerTest : public ::testing::Test
 {
@@ -41,16 +50,23 @@ protected:
     {
         machine.emplace();
         machine->installModule("0.12.7");
-        config = {.pkexecPath = machine->path("app/pkexec"), .helperPath = machine->path("app/helper"),
-                  .policyPath = machine->path("app/app.vistrel.Vistrel.policy"), .extensionsDir = machine->path("share/vistrel/SystemExtensions"),
-                  .helperOwner = ::geteuid(), .roots = {machine->path("sys"), machine->path("etc"), "/dev"}};
-        script("app/helper", "exec '" VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable' --test-root='"
-                                 + machine->root() + "' \"$@\"");
+        config = {.pkexecPath = machine->path("app/pkexec"),
+                  .helperPath = machine->path("app/helper"),
+                  .policyPath = machine->path("app/app.vistrel.Vistrel.policy"),
+                  .extensionsDir = machine->path("share/vistrel/SystemExtensions"),
+                  .helperOwner = ::geteuid(),
+                  .roots = {machine->path("sys"), machine->path("etc"), "/dev"}};
+        script("app/helper",
+               "exec '" VISTREL_BINARY_DIR "/test-bin/vistrel-camera-extension-helper-testable' --test-root='"
+                   + machine->root() + "' \"$@\"");
         pkexec("exec \"$@\"");
         machine->write("app/app.vistrel.Vistrel.policy", "<policyconfig/>\n");
     }
     // The stand-in logs each start, then does `body`.
-    void pkexec(const QString &body) { script("app/pkexec", "echo \"$*\" >> '" + machine->root() + "/kernel/pkexec-log'\n" + body); }
+    void pkexec(const QString &body)
+    {
+        script("app/pkexec", "echo \"$*\" >> '" + machine->root() + "/kernel/pkexec-log'\n" + body);
+    }
     void script(const QString &relative, const QString &body)
     {
         machine->write(relative, "#!/bin/sh\n" + body + "\n");
@@ -80,9 +96,11 @@ protected:
 TEST_F(ManagerTest, AnotherVersionIsReplacedOnConsentAndNothingIsAskedWhenNothingWouldChange)
 {
     machine->write(machine->modprobeFile(),
-                   "# vistrel-extension identifier=" + kId + " version=0.9 state=installed\noptions v4l2loopback devices=1 card_label=Vistrel\n");
+                   "# vistrel-extension identifier=" + kId
+                       + " version=0.9 state=installed\noptions v4l2loopback devices=1 card_label=Vistrel\n");
     const QStringList refused = submit(sysext::RequestKind::Activation, sysext::CancelReplacement);
-    EXPECT_TRUE(refused.size() == 2 && refused.join('|').startsWith("replace 0.9 -> 1.0|" + failed(sysext::RequestCanceled)))
+    EXPECT_TRUE(refused.size() == 2
+                && refused.join('|').startsWith("replace 0.9 -> 1.0|" + failed(sysext::RequestCanceled)))
         << refused.join('|').toStdString();
     EXPECT_EQ(pkexecRuns(), 0);
 
@@ -113,17 +131,27 @@ TEST_F(ManagerTest, AnotherVersionIsReplacedOnConsentAndNothingIsAskedWhenNothin
 
 TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
 {
-    struct Case { const char *name; std::function<void()> setUp; QString answer; int prompts; }; // a failure gives a reason after answer
+    struct Case
+    {
+        const char *name;
+        std::function<void()> setUp;
+        QString answer;
+        int prompts;
+    }; // a failure gives a reason after answer
     const QString notInstalled = failed(sysext::UnsupportedParentBundleLocation);
     const Case cases[] = {
         {"prompt dismissed", [&] { pkexec("exit 126"); }, failed(sysext::RequestCanceled), 1},
-        {"not authorised", [&] { pkexec("echo 'Not authorized.' >&2; exit 127"); }, failed(sysext::AuthorizationRequired), 1},
+        {"not authorised", [&] { pkexec("echo 'Not authorized.' >&2; exit 127"); },
+         failed(sysext::AuthorizationRequired), 1},
         {"helper silent", [&] { pkexec("exit 0"); }, failed(sysext::UnknownError), 1},
-        {"module missing", [&] { QFile::remove(machine->path("kernel/version")); }, failed(sysext::ModuleNotInstalled), 1},
+        {"module missing", [&] { QFile::remove(machine->path("kernel/version")); }, failed(sysext::ModuleNotInstalled),
+         1},
         {"key rejected", [&] { machine->rejectModuleKey(); }, "approval", 1},
         // The app is not installed: no password prompt.
         {"helper missing", [&] { config.helperPath = machine->path("app/none"); }, notInstalled, 0},
-        {"helper writable by others", [&] { QFile::setPermissions(config.helperPath, QFile::ReadOwner | QFile::ExeOwner | QFile::WriteOther); }, notInstalled, 0},
+        {"helper writable by others",
+         [&] { QFile::setPermissions(config.helperPath, QFile::ReadOwner | QFile::ExeOwner | QFile::WriteOther); },
+         notInstalled, 0},
         {"helper of another owner (a build tree)", [&] { config.helperOwner = ::geteuid() + 1; }, notInstalled, 0},
         {"policy missing", [&] { QFile::remove(config.policyPath); }, notInstalled, 0},
     };
@@ -132,7 +160,8 @@ TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
         SetUp();
         c.setUp();
         const QString a = submit().join('|'); // exactly one answer
-        EXPECT_TRUE(c.answer.endsWith(' ') ? a.startsWith(c.answer) && a.size() > c.answer.size() && !a.contains('|') : a == c.answer)
+        EXPECT_TRUE(c.answer.endsWith(' ') ? a.startsWith(c.answer) && a.size() > c.answer.size() && !a.contains('|')
+                                           : a == c.answer)
             << a.toStdString();
         EXPECT_EQ(pkexecRuns(), c.prompts);
     }

@@ -22,7 +22,8 @@ QString record(const QString &identifier, const QString &state)
     return QStringLiteral("# vistrel-extension identifier=%1 version=1.0 state=%2\n").arg(identifier, state);
 }
 
-sysext::CameraExtensionHelper probesOf(const FakeLoopbackMachine &machine, const QString &bundleIdentifier = kBundleIdentifier)
+sysext::CameraExtensionHelper probesOf(const FakeLoopbackMachine &machine,
+                                       const QString &bundleIdentifier = kBundleIdentifier)
 {
     Bundle bundle = Bundle::forExecutable("/opt/vistrel/bin/vistrel");
     bundle.bundleIdentifier = bundleIdentifier;
@@ -67,7 +68,8 @@ TEST(ExtensionProbesTest, ActivatedWhenAVideoDeviceNameContainsVistrel)
 TEST(ExtensionProbesTest, SettingsOpenTheHelpPageOfTheInstallation)
 {
     test::RecordingUrlOpener opener;
-    sysext::CameraExtensionHelper::openExtensionSettings(opener, Bundle::forExecutable(VISTREL_BINARY_DIR "/bin/vistrel"));
+    sysext::CameraExtensionHelper::openExtensionSettings(opener,
+                                                         Bundle::forExecutable(VISTREL_BINARY_DIR "/bin/vistrel"));
     const QString page = VISTREL_BINARY_DIR "/share/doc/vistrel/camera-extension.html";
     EXPECT_EQ(opener.opened, QList<QUrl>{QUrl::fromLocalFile(page)});
     EXPECT_TRUE(QFileInfo(page).isFile()) << "staged with the build";
@@ -91,7 +93,8 @@ TEST(ExtensionBundleDeathTest, AMissingEmptyOrBrokenFolderStopsTheProgram)
     FakeLoopbackMachine machine;
     Bundle bundle;
     bundle.shareDir = machine.path("share/none");
-    EXPECT_DEATH(sysext::extensionBundle(bundle), "Failed to get the contents of file://.*/SystemExtensions: No such file or directory");
+    EXPECT_DEATH(sysext::extensionBundle(bundle),
+                 "Failed to get the contents of file://.*/SystemExtensions: No such file or directory");
     QDir().mkpath(bundle.systemExtensionsDir());
     EXPECT_DEATH(sysext::extensionBundle(bundle), "Failed to find any system extensions");
     machine.write("share/none/SystemExtensions/a-file", {});

@@ -1,6 +1,6 @@
+#include "update/UpdateChecker.h"
 #include "app/AppDelegate.h"
 #include "app/LinuxPlatform.h"
-#include "update/UpdateChecker.h"
 
 #include "LoopbackHttpServer.h"
 #include "SystemLogCapture.h"
@@ -20,7 +20,10 @@
 using namespace vistrel;
 using namespace std::chrono_literals;
 
-inline void PrintTo(const QString &text, std::ostream *out) { *out << '"' << text.toStdString() << '"'; }
+inline void PrintTo(const QString &text, std::ostream *out)
+{
+    *out << '"' << text.toStdString() << '"';
+}
 
 namespace {
 
@@ -28,7 +31,7 @@ namespace {
 QByteArray feed(const char *extra = "", const char *build = "120", const char *version = "1.2.0")
 {
     return QByteArray(R"({"latestShortVersion":")") + version + R"(","latestBuild":)" + build
-           + R"(,"downloadURL":"https://vistrel.app/download")" + extra + "}";
+        + R"(,"downloadURL":"https://vistrel.app/download")" + extra + "}";
 }
 
 // A 200 with no length whose body is blanks, handed over as fast as the client takes them
@@ -85,9 +88,17 @@ const QString kFetchFailed = QStringLiteral("update check: fetch failed or no re
 
 TEST_F(UpdateCheckerTest, OnlyStatus200WithAWholeRecordCountsAndEachFailureIsOneLogLine)
 {
-    const struct { int status; QByteArray body; } failures[] = {
-        {204, feed()}, {304, feed()}, {404, feed()},
-        {200, "not json"}, {200, R"({"latestBuild":120})"}, {200, feed("", "120.5")},
+    const struct
+    {
+        int status;
+        QByteArray body;
+    } failures[] = {
+        {204, feed()},
+        {304, feed()},
+        {404, feed()},
+        {200, "not json"},
+        {200, R"({"latestBuild":120})"},
+        {200, feed("", "120.5")},
     };
     for (const auto &failure : failures) {
         server.status = failure.status;
@@ -97,7 +108,8 @@ TEST_F(UpdateCheckerTest, OnlyStatus200WithAWholeRecordCountsAndEachFailureIsOne
     EXPECT_EQ(log.lines(), QStringList(6, kFetchFailed));
     // Each check asked for the feed itself, past any cache on the way.
     ASSERT_EQ(server.requests.size(), 6);
-    EXPECT_TRUE(server.requests.last().toLower().contains("cache-control: no-cache")) << server.requests.last().constData();
+    EXPECT_TRUE(server.requests.last().toLower().contains("cache-control: no-cache"))
+        << server.requests.last().constData();
 }
 
 TEST_F(UpdateCheckerTest, SilentServerTimesOutWithoutBlockingTheEventLoop)
@@ -128,7 +140,9 @@ TEST_F(UpdateCheckerTest, OptionalUpdateDownloadIsForgottenLaterRememberedUntilA
     ASSERT_EQ(env.alerts.shown.size(), 1);
     const AlertSpec offer = env.alerts.shown.first();
     EXPECT_EQ(offer.title, QStringLiteral("Vistrel 1.2.0 is available"));
-    EXPECT_EQ(offer.text, QStringLiteral("A newer version of Vistrel is available. Download it to get the latest features and fixes."));
+    EXPECT_EQ(
+        offer.text,
+        QStringLiteral("A newer version of Vistrel is available. Download it to get the latest features and fixes."));
     EXPECT_EQ(offer.buttons, (QStringList{QStringLiteral("Download"), QStringLiteral("Later")}));
     EXPECT_EQ(env.urlOpener.opened, QList<QUrl>{QUrl(QStringLiteral("https://vistrel.app/download"))});
     EXPECT_FALSE(env.defaults->hasKey(QStringLiteral("updateCheckerDismissedBuild")));
@@ -140,7 +154,8 @@ TEST_F(UpdateCheckerTest, OptionalUpdateDownloadIsForgottenLaterRememberedUntilA
     EXPECT_EQ(env.alerts.shown.size(), 2);
 
     // Release notes replace the default text.
-    server.body = feed(R"(,"releaseNotes":"Stutter is smoother.","releaseNotesURL":"https://vistrel.app/notes")", "121");
+    server.body =
+        feed(R"(,"releaseNotes":"Stutter is smoother.","releaseNotesURL":"https://vistrel.app/notes")", "121");
     env.alerts.answers = {-1}; // closed without a button counts as "Later"
     check("119");
     ASSERT_EQ(env.alerts.shown.size(), 3);
@@ -152,7 +167,7 @@ TEST_F(UpdateCheckerTest, BelowTheMinimumTheUpdateIsRequiredAndTheAppQuitsWhatev
 {
     server.body = feed(R"(,"minimumBuild":110)");
     env.alerts.answers = {1, 1, 0}; // "Later" at the minimum, then "Quit", then "Download"
-    check("110"); // at the minimum the optional rule applies
+    check("110");                   // at the minimum the optional rule applies
     EXPECT_EQ(env.application.terminateCalls, 0);
     ASSERT_EQ(dismissed(), 120);
 
@@ -160,8 +175,9 @@ TEST_F(UpdateCheckerTest, BelowTheMinimumTheUpdateIsRequiredAndTheAppQuitsWhatev
     ASSERT_EQ(env.alerts.shown.size(), 2);
     const AlertSpec required = env.alerts.shown.last();
     EXPECT_EQ(required.title, QStringLiteral("Update required"));
-    EXPECT_EQ(required.text,
-              QStringLiteral("This version of Vistrel is no longer supported. Please install Vistrel 1.2.0 to continue."));
+    EXPECT_EQ(
+        required.text,
+        QStringLiteral("This version of Vistrel is no longer supported. Please install Vistrel 1.2.0 to continue."));
     EXPECT_EQ(required.style, AlertStyle::Critical);
     EXPECT_EQ(required.buttons, (QStringList{QStringLiteral("Download"), QStringLiteral("Quit")}));
     EXPECT_EQ(env.application.terminateCalls, 1);
@@ -241,7 +257,8 @@ TEST_F(UpdateCheckerTest, BadFeedsFailQuietlyWithinTheDeadline)
          }},
         {"a server that never answers", {}, [](QTcpSocket *) {}},
         {"a server that trickles a byte at a time", {}, trickle},
-        {"file: download", feed(R"(,"minimumBuild":110)").replace("https://vistrel.app/download", "file:///etc/passwd")},
+        {"file: download",
+         feed(R"(,"minimumBuild":110)").replace("https://vistrel.app/download", "file:///etc/passwd")},
         {"javascript: download", feed().replace("https://vistrel.app/download", "javascript:alert(1)")},
     };
     UpdateChecker quick(server.url(), 1s);
@@ -293,8 +310,13 @@ TEST_F(UpdateCheckerTest, FeedTextIsShownAsPlainTextInTheAlert)
 TEST(UpdateCheckerAddress, AnUnusableAddressIsLoggedOnceAndEachCheckFails)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const struct { const char *address; const char *logged; } rows[] = {
-        {"ftp://127.0.0.1/updates/latest.json", R"( "ftp://127.0.0.1/updates/latest.json": only http and https addresses are fetched)"},
+    const struct
+    {
+        const char *address;
+        const char *logged;
+    } rows[] = {
+        {"ftp://127.0.0.1/updates/latest.json",
+         R"( "ftp://127.0.0.1/updates/latest.json": only http and https addresses are fetched)"},
         {"http://[bad", R"(: .*source was "http://\[bad"[^\n]*)"},
     };
     for (const auto &row : rows) {

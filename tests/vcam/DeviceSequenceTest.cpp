@@ -51,7 +51,9 @@ TEST(LoopbackDeviceSequenceTest, EachReleaseGetsItsOwnSequenceAndReaderCount)
         const auto calls = [&] { return device->takeCalls().join(' ').toStdString(); };
 
         std::shared_ptr<SimpleQueue> queue;
-        ASSERT_EQ(system.copyBufferQueue(streams[1], [] {}, &queue), 0);
+        ASSERT_EQ(system.copyBufferQueue(
+                      streams[1], [] {}, &queue),
+                  0);
         EXPECT_EQ(system.startStream(*found, streams[1]), row.offersOutput ? 0 : EBUSY);
         // The start ends with a black frame, written by the writer thread.
         if (row.offersOutput) {
@@ -60,7 +62,9 @@ TEST(LoopbackDeviceSequenceTest, EachReleaseGetsItsOwnSequenceAndReaderCount)
         EXPECT_EQ(calls(), row.start);
 
         if (row.offersOutput) {
-            ASSERT_EQ(queue->enqueue({std::make_shared<PixelBuffer>(LoopbackSink::kWidth, LoopbackSink::kHeight), nullptr, 0}), 0);
+            ASSERT_EQ(queue->enqueue(
+                          {std::make_shared<PixelBuffer>(LoopbackSink::kWidth, LoopbackSink::kHeight), nullptr, 0}),
+                      0);
             ASSERT_TRUE(device->waitForWriteCalls(2));
             EXPECT_EQ(device->framesTaken(), 2);
         }

@@ -30,7 +30,11 @@ public:
     explicit FakeLoopbackDevice(Release release = Release::V0_15) : m_release(release) {}
 
     // 0 takes every write, an errno fails each with it, kNeverReturns blocks each for good.
-    void setWriteError(int error) { std::lock_guard lock(m_mutex); m_error = error; }
+    void setWriteError(int error)
+    {
+        std::lock_guard lock(m_mutex);
+        m_error = error;
+    }
     // Readers that have the device open for capture (one to begin with); a change is
     // sent as a client-usage event to a subscriber.
     void setReaders(int readers)
@@ -40,31 +44,71 @@ public:
         m_eventDue = m_subscribed;
     }
     // A device another program already writes to offers capture only (exclusive_caps).
-    void setOffersOutput(bool offers) { std::lock_guard lock(m_mutex); m_offersOutput = offers; }
+    void setOffersOutput(bool offers)
+    {
+        std::lock_guard lock(m_mutex);
+        m_offersOutput = offers;
+    }
 
     // The calls made since the last look, by name ("open", "querycap", "write"...; a
     // refused one is followed by "!").
-    QStringList takeCalls() { std::lock_guard lock(m_mutex); return std::exchange(m_calls, {}); }
+    QStringList takeCalls()
+    {
+        std::lock_guard lock(m_mutex);
+        return std::exchange(m_calls, {});
+    }
     // Writes asked for so far (taken or not) and the threads they came from; frames taken.
-    std::vector<std::thread::id> writerThreads() const { std::lock_guard lock(m_mutex); return m_writers; }
-    int framesTaken() const { std::lock_guard lock(m_mutex); return m_taken; }
-    int openDescriptors() const { std::lock_guard lock(m_mutex); return m_open; }
+    std::vector<std::thread::id> writerThreads() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_writers;
+    }
+    int framesTaken() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_taken;
+    }
+    int openDescriptors() const
+    {
+        std::lock_guard lock(m_mutex);
+        return m_open;
+    }
     bool waitForWriteCalls(int calls)
     {
         std::unique_lock lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::seconds(5), [&] { return static_cast<int>(m_writers.size()) >= calls; });
+        return m_changed.wait_for(lock, std::chrono::seconds(5),
+                                  [&] { return static_cast<int>(m_writers.size()) >= calls; });
     }
 
-    int open(const QByteArray &, int) override { std::lock_guard lock(m_mutex); ++m_open; return call("open", kDescriptor); }
-    int close(int) override { std::lock_guard lock(m_mutex); --m_open; m_streaming = m_subscribed = false; return call("close"); }
+    int open(const QByteArray &, int) override
+    {
+        std::lock_guard lock(m_mutex);
+        ++m_open;
+        return call("open", kDescriptor);
+    }
+    int close(int) override
+    {
+        std::lock_guard lock(m_mutex);
+        --m_open;
+        m_streaming = m_subscribed = false;
+        return call("close");
+    }
     int queryCapabilities(int, v4l2_capability &capability) override
     {
         std::lock_guard lock(m_mutex);
         capability.capabilities = V4L2_CAP_VIDEO_CAPTURE | (m_offersOutput ? V4L2_CAP_VIDEO_OUTPUT : 0);
         return call("querycap");
     }
-    int setParameters(int, v4l2_streamparm &) override { std::lock_guard lock(m_mutex); return call("s_parm"); }
-    int setFormat(int, v4l2_format &) override { std::lock_guard lock(m_mutex); return call("s_fmt"); }
+    int setParameters(int, v4l2_streamparm &) override
+    {
+        std::lock_guard lock(m_mutex);
+        return call("s_parm");
+    }
+    int setFormat(int, v4l2_format &) override
+    {
+        std::lock_guard lock(m_mutex);
+        return call("s_fmt");
+    }
     int streamOn(int) override
     {
         std::lock_guard lock(m_mutex);
@@ -73,7 +117,12 @@ public:
         m_streaming = true;
         return call("streamon");
     }
-    int streamOff(int) override { std::lock_guard lock(m_mutex); m_streaming = false; return call("streamoff"); }
+    int streamOff(int) override
+    {
+        std::lock_guard lock(m_mutex);
+        m_streaming = false;
+        return call("streamoff");
+    }
     int subscribeEvent(int, v4l2_event_subscription &subscription) override
     {
         std::lock_guard lock(m_mutex);

@@ -5,10 +5,10 @@
 #include "FakeLoopbackDevice.h"
 #include "FakeLoopbackMachine.h"
 #include "SimulatedExtension.h"
-#include "ui/Spinner.h"
 #include "ui/LoopbackPreview.h"
-#include "vcam/VirtualCameraLink.h"
+#include "ui/Spinner.h"
 #include "vcam/PixelBuffer.h"
+#include "vcam/VirtualCameraLink.h"
 #include "vcam/v4l2loopback/LoopbackSystem.h"
 
 #include <QFrame>
@@ -93,8 +93,8 @@ TEST_F(LinkTest, ConnectingFindsTheStreams)
                  {0, true, false, false, false, {found}},
                  {2, false, false, false, false, {found}}};
     for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.streams << " streams, listed " << c.listed << ", failing "
-                                        << c.failCopy << c.failStart);
+        SCOPED_TRACE(testing::Message() << c.streams << " streams, listed " << c.listed << ", failing " << c.failCopy
+                                        << c.failStart);
         test::SimulatedExtension other;
         other.devices[0].streamCount = c.streams;
         other.devices[0].inHardwareList = c.listed;
@@ -269,9 +269,10 @@ TEST_F(LinkTest, ThePlaceholderCentresItsSpinnerAndStaysWhenThereIsNoPreview)
     vc->showVirtualCameraPreview();
     sim.devices.clear();
     vc->showVirtualCameraPreview();
-    EXPECT_EQ(console.lines(), (QStringList{QStringLiteral("Erreur lors de la configuration de la caméra virtuelle : "
-                                                           "The device node /dev/video10 does not exist."),
-                                            QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée.")}));
+    EXPECT_EQ(console.lines(),
+              (QStringList{QStringLiteral("Erreur lors de la configuration de la caméra virtuelle : "
+                                          "The device node /dev/video10 does not exist."),
+                           QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée.")}));
     EXPECT_EQ(preview(), nullptr);
     EXPECT_TRUE(label->isVisible());
 }
@@ -303,9 +304,12 @@ TEST_F(LoopbackLinkTest, AVanishedCameraIsShownGoneAndFedAgainWhenItComesBack)
     const auto fed = [&] {
         link.propertyTimer();
         const int taken = device->framesTaken();
-        const auto flowing = [&] { link.fireTimer(); return device->framesTaken() >= taken + 3; };
+        const auto flowing = [&] {
+            link.fireTimer();
+            return device->framesTaken() >= taken + 3;
+        };
         return link.needToStream() && QTest::qWaitFor(flowing, 5000) && vc->findChild<LoopbackPreview *>()
-               && spinner()->isHidden();
+            && spinner()->isHidden();
     };
     link.connectVirtualCamera();
     vc->showVirtualCameraPreview();
@@ -314,11 +318,17 @@ TEST_F(LoopbackLinkTest, AVanishedCameraIsShownGoneAndFedAgainWhenItComesBack)
 
     QDir(machine.path("sys/class/video4linux/video10")).removeRecursively();
     device->setWriteError(ENODEV);
-    ASSERT_TRUE(QTest::qWaitFor([&] { link.fireTimer(); return link.sinkQueue()->isLost(); }, 5000));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            link.fireTimer();
+            return link.sinkQueue()->isLost();
+        },
+        5000));
     const qsizetype before = console.lines().size();
     for (int poll = 0; poll < 3; ++poll)
         link.propertyTimer();
-    EXPECT_EQ(console.lines().mid(before), QStringList{QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée.")});
+    EXPECT_EQ(console.lines().mid(before),
+              QStringList{QStringLiteral("Erreur : Caméra virtuelle 'Vistrel' non trouvée.")});
     EXPECT_FALSE(link.needToStream());
     EXPECT_EQ(vc->findChild<LoopbackPreview *>(), nullptr);
     EXPECT_TRUE(spinner()->isVisibleTo(vc) && spinner()->isAnimating());

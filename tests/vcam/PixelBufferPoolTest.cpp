@@ -1,7 +1,7 @@
 #include "vcam/PixelBuffer.h"
 
-#include <gtest/gtest.h>
 #include <cstdlib>
+#include <gtest/gtest.h>
 #include <memory>
 #include <new>
 #include <thread>
@@ -31,15 +31,30 @@ void *operator new(std::size_t size, std::align_val_t alignment)
     throw std::bad_alloc();
 }
 
-void operator delete(void *memory) noexcept { std::free(memory); }
-void operator delete(void *memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void *memory, std::align_val_t) noexcept { std::free(memory); }
-void operator delete(void *memory, std::size_t, std::align_val_t) noexcept { std::free(memory); }
+void operator delete(void *memory) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void *memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void *memory, std::align_val_t) noexcept
+{
+    std::free(memory);
+}
+void operator delete(void *memory, std::size_t, std::align_val_t) noexcept
+{
+    std::free(memory);
+}
 
 namespace vistrel::vcam {
 namespace {
 
-QRgb pixel(const PixelBuffer &buffer) { return buffer.image().pixel(0, 0); }
+QRgb pixel(const PixelBuffer &buffer)
+{
+    return buffer.image().pixel(0, 0);
+}
 
 TEST(PixelBufferPoolTest, LendsAtMostItsCountReusesTheLongestFreeFirstAndAllocatesNothingOnceMade)
 {

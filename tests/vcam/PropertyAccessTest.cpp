@@ -1,6 +1,6 @@
+#include "vcam/PropertyAccess.h"
 #include "ConsoleCapture.h"
 #include "SimulatedExtension.h"
-#include "vcam/PropertyAccess.h"
 
 #include <gtest/gtest.h>
 
@@ -76,4 +76,3 @@ TEST(PropertyAccessTest, CaptureLookupsMatchNamesExactlyWithinTheirDeviceTypes)
 
 } // namespace
 } // namespace vistrel::vcam
-

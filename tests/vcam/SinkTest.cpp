@@ -37,16 +37,19 @@ vcam::SampleBuffer frame()
 // pass, one line per kind.
 TEST(LoopbackSinkTest, FramesGoFromTheWriterAndAWriteToAVanishedDeviceIsTheLast)
 {
-    const std::pair<int, QStringList> cases[] = {{0, {}},
-                 {EAGAIN, {"Writing to /dev/video10 failed: Resource temporarily unavailable"}},
-                 {ENODEV, {"Writing to /dev/video10 failed: No such device (the device is gone: no more frames are "
-                           "written to it)"}}};
+    const std::pair<int, QStringList> cases[] = {
+        {0, {}},
+        {EAGAIN, {"Writing to /dev/video10 failed: Resource temporarily unavailable"}},
+        {ENODEV,
+         {"Writing to /dev/video10 failed: No such device (the device is gone: no more frames are "
+          "written to it)"}}};
     for (const auto &[error, lines] : cases) {
         SCOPED_TRACE(error);
         const bool gone = error == ENODEV;
         auto device = std::make_shared<FakeLoopbackDevice>();
         std::atomic<int> altered{0};
-        auto sink = std::make_unique<LoopbackSink>(kNode, [&] { ++altered; }, device);
+        auto sink = std::make_unique<LoopbackSink>(
+            kNode, [&] { ++altered; }, device);
         ASSERT_EQ(sink->start(), 0);
         ASSERT_TRUE(device->waitForWriteCalls(1));
         test::SystemLogCapture log;
@@ -87,7 +90,8 @@ TEST(LoopbackSinkDeathTest, AWriteThatNeverReturnsHoldsUpNeitherStartNorQuit)
             ::alarm(20);
             auto device = std::make_shared<FakeLoopbackDevice>();
             device->setWriteError(FakeLoopbackDevice::kNeverReturns);
-            auto sink = std::make_unique<LoopbackSink>(kNode, [] {}, device);
+            auto sink = std::make_unique<LoopbackSink>(
+                kNode, [] {}, device);
             auto began = Clock::now();
             expect(sink->start() == 0 && Clock::now() - began < 500ms, "start() returned at once");
             expect(device->waitForWriteCalls(1), "the first frame is being written");

@@ -1,9 +1,9 @@
-#include "vcam/PixelBuffer.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
+#include "vcam/PixelBuffer.h"
 
 #include <QColor>
-#include <gtest/gtest.h>
 #include <cmath>
+#include <gtest/gtest.h>
 #include <vector>
 
 namespace vistrel::vcam {
@@ -48,7 +48,7 @@ YuyvFrame convertWith(BgraToYuyvConverter &converter, const PixelBuffer &buffer)
 
 constexpr double kTolerance = 1.6; // libyuv's fixed-point steps, rounded
 
-const std::vector<QRgb> kSolids = {qRgb(255, 255, 255), qRgb(0, 0, 0),     qRgb(255, 0, 0),    qRgb(0, 255, 0),
+const std::vector<QRgb> kSolids = {qRgb(255, 255, 255), qRgb(0, 0, 0),       qRgb(255, 0, 0),    qRgb(0, 255, 0),
                                    qRgb(0, 0, 255),     qRgb(128, 128, 128), qRgb(250, 200, 40), qRgb(30, 90, 160)};
 
 // Every row of the device's own frame size, each a different colour: each lands on its

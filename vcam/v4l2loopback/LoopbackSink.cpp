@@ -95,8 +95,7 @@ struct LoopbackSink::Writer
 {
     Writer(QString path, std::function<void()> altered, std::shared_ptr<VideoDeviceIo> deviceIo)
         : devicePath(std::move(path)), queueAltered(std::move(altered)), io(std::move(deviceIo))
-    {
-    }
+    {}
     // The last owner closes the device: the sink, or a writer that outlived it. A lost
     // device's descriptor is left as it is until the process ends: once its module is
     // gone (a forced unload), any further call on it can reach the unloaded module and
@@ -234,14 +233,13 @@ void LoopbackSink::Writer::giveUpDevice(int error)
         if (stopping)
             return; // the sink has gone on without us: nobody to tell
     }
-    traceLog(QStringLiteral("Writing to ") + devicePath + QStringLiteral(" failed: ") + errorText(error) +
-             QStringLiteral(" (the device is gone: no more frames are written to it)"));
+    traceLog(QStringLiteral("Writing to ") + devicePath + QStringLiteral(" failed: ") + errorText(error)
+             + QStringLiteral(" (the device is gone: no more frames are written to it)"));
 }
 
 LoopbackSink::LoopbackSink(QString devicePath, std::function<void()> queueAltered, std::shared_ptr<VideoDeviceIo> io)
     : m_shared(std::make_shared<Writer>(std::move(devicePath), std::move(queueAltered), std::move(io)))
-{
-}
+{}
 
 LoopbackSink::~LoopbackSink()
 {
@@ -272,9 +270,9 @@ bool LoopbackSink::stop()
     // Given up: once the callback lock is ours, the writer sees `stopping` before it
     // could call back, so the callback's owner may go.
     std::lock_guard calling(writer.callback);
-    traceLog(QStringLiteral("Virtual camera writer did not stop within ") + QString::number(kStopTimeout.count()) +
-             QStringLiteral(" s: given up") +
-             (writer.inWrite ? QStringLiteral(", stuck in a write to ") + writer.devicePath : QString()));
+    traceLog(QStringLiteral("Virtual camera writer did not stop within ") + QString::number(kStopTimeout.count())
+             + QStringLiteral(" s: given up")
+             + (writer.inWrite ? QStringLiteral(", stuck in a write to ") + writer.devicePath : QString()));
     // Most likely inside a write() that may never return; it owns, through the shared
     // Writer, all it can still touch.
     keepUntilExit(std::move(m_writer));
@@ -296,8 +294,8 @@ Status LoopbackSink::start()
     }
     auto fail = [&](const char *step) {
         const int error = errno ? errno : EINVAL;
-        systemLog(devicePath + QStringLiteral(": ") + QLatin1String(step) + QStringLiteral(" failed: ") +
-                  errorText(error));
+        systemLog(devicePath + QStringLiteral(": ") + QLatin1String(step) + QStringLiteral(" failed: ")
+                  + errorText(error));
         io.close(fd);
         return error;
     };
@@ -305,8 +303,8 @@ Status LoopbackSink::start()
     v4l2_capability capability{};
     if (io.queryCapabilities(fd, capability) < 0)
         return fail("VIDIOC_QUERYCAP");
-    const std::uint32_t caps = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) ? capability.device_caps
-                                                                                 : capability.capabilities;
+    const std::uint32_t caps =
+        (capability.capabilities & V4L2_CAP_DEVICE_CAPS) ? capability.device_caps : capability.capabilities;
     if (!(caps & V4L2_CAP_VIDEO_OUTPUT)) {
         // With exclusive_caps a device another program already writes to offers
         // capture only; it is not ours to feed.
@@ -338,10 +336,10 @@ Status LoopbackSink::start()
     writer.yuyv.resize(yuyvFrameBytes(kWidth, kHeight));
     writer.firstFrame = true; // written by the writer, first of all
 
-    systemLog(QStringLiteral("Virtual camera output on ") + devicePath +
-              (writer.streamOn ? QStringLiteral(" (stream-on)") : QStringLiteral(" (write)")) +
-              (m_readerCountKnown ? QStringLiteral(", reader count from the driver")
-                                  : QStringLiteral(", reader count unknown")));
+    systemLog(QStringLiteral("Virtual camera output on ") + devicePath
+              + (writer.streamOn ? QStringLiteral(" (stream-on)") : QStringLiteral(" (write)"))
+              + (m_readerCountKnown ? QStringLiteral(", reader count from the driver")
+                                    : QStringLiteral(", reader count unknown")));
     m_writer = std::thread([shared = m_shared] { shared->run(); });
     return 0;
 }

@@ -19,8 +19,7 @@ bool isGlobalMain(const PropertyAddress &address)
 
 LoopbackSystem::LoopbackSystem(QString sysRoot, QString devRoot, std::shared_ptr<VideoDeviceIo> io)
     : m_sysRoot(std::move(sysRoot)), m_devRoot(std::move(devRoot)), m_io(std::move(io))
-{
-}
+{}
 
 LoopbackSystem::~LoopbackSystem() = default;
 
@@ -90,12 +89,9 @@ std::optional<QString> LoopbackSystem::stringProperty(ObjectID object, const Pro
         return std::nullopt;
     const Entry &found = *entry(object);
     switch (address.selector) {
-    case codes::deviceUID:
-        return found.node;
-    case codes::just:
-        return justAnswer(found.node);
-    default:
-        return std::nullopt;
+    case codes::deviceUID: return found.node;
+    case codes::just: return justAnswer(found.node);
+    default: return std::nullopt;
     }
 }
 

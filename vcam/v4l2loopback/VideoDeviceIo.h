@@ -26,7 +26,7 @@ public:
     virtual int streamOn(int fd) = 0;
     virtual int streamOff(int fd) = 0;
     virtual int subscribeEvent(int fd, v4l2_event_subscription &subscription) = 0; // VIDIOC_SUBSCRIBE_EVENT
-    virtual int dequeueEvent(int fd, v4l2_event &event) = 0;                      // VIDIOC_DQEVENT
+    virtual int dequeueEvent(int fd, v4l2_event &event) = 0;                       // VIDIOC_DQEVENT
     virtual ssize_t write(int fd, const void *data, std::size_t size) = 0;
     virtual int close(int fd) = 0;
 

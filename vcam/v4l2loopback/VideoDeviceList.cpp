@@ -23,7 +23,8 @@ QString readFirstLine(const QString &path)
 std::vector<VideoDeviceEntry> listVideoDevices(const QString &sysRoot, const QString &devRoot)
 {
     const QDir classDir(sysRoot + QStringLiteral("/class/video4linux"));
-    QStringList entries = classDir.entryList({QStringLiteral("video*")}, QDir::Dirs | QDir::System | QDir::NoDotAndDotDot);
+    QStringList entries =
+        classDir.entryList({QStringLiteral("video*")}, QDir::Dirs | QDir::System | QDir::NoDotAndDotDot);
     // By node number: video2 before video10.
     const auto number = [](const QString &entry) { return entry.mid(5).toInt(); };
     std::sort(entries.begin(), entries.end(),

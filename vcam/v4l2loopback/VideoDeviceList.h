@@ -8,8 +8,8 @@ namespace vistrel::vcam {
 // (a loopback device with exclusive_caps=1 is not a capture device until written).
 struct VideoDeviceEntry
 {
-    QString node;   // device node path, e.g. "/dev/video10"; also its unique identifier
-    QString name;   // the device's name ("card label" for v4l2loopback)
+    QString node;          // device node path, e.g. "/dev/video10"; also its unique identifier
+    QString name;          // the device's name ("card label" for v4l2loopback)
     bool loopback = false; // a v4l2loopback device (isLoopbackClassEntry)
 
     bool isLoopback() const { return loopback; }
