@@ -58,6 +58,11 @@ MainWindowController::MainWindowController(QWidget *window, ViewController *cont
 
 MainWindowController::~MainWindowController() = default;
 
+ViewController *MainWindowController::contentViewController() const
+{
+    return m_content;
+}
+
 MainWindowController *MainWindowController::of(const QWidget *window)
 {
     if (!window)

@@ -1,12 +1,13 @@
 #pragma once
 #include "core/Services.h"
-#include "ui/ViewController.h"
 
 #include <QObject>
 #include <QPointer>
 #include <QWidget>
 
 namespace vistrel {
+
+class ViewController;
 
 // Owns the main window loaded from the interface file; its content is the
 // ViewController. The window carries a back-pointer so that walking the
@@ -19,7 +20,7 @@ public:
     ~MainWindowController() override;
 
     QWidget *window() const { return m_window; }
-    ViewController *contentViewController() const { return m_content; }
+    ViewController *contentViewController() const;
 
     // The controller of a top-level window, if it has one.
     static MainWindowController *of(const QWidget *window);
