@@ -97,6 +97,11 @@ AppDelegate::AppDelegate(const Services &services, QObject *parent) : QObject(pa
 
 AppDelegate::~AppDelegate() = default;
 
+MainWindowController *AppDelegate::mainWindowController() const
+{
+    return m_mainWindowController;
+}
+
 void AppDelegate::applicationDidFinishLaunching()
 {
     const QString exec =
@@ -109,23 +114,23 @@ void AppDelegate::applicationDidFinishLaunching()
     const int cameraAuth = m_services.cameraAuthorization->authorizationStatus();
     const bool extInstalled = m_services.extensionProbes->isExtensionInstalledProbe();
     const bool extActivated = m_services.extensionProbes->isExtensionActivatedProbe();
-    needsOnboarding = onboarding.isOnboardingNeeded();
+    m_needsOnboarding = onboarding.isOnboardingNeeded();
 
     const QString fields = QStringLiteral("onboardingComplete=") + boolText(onboardingComplete)
         + QStringLiteral(" cameraAuth=") + QString::number(cameraAuth) + QStringLiteral(" extInstalled=")
         + boolText(extInstalled) + QStringLiteral(" extActivated=") + boolText(extActivated)
-        + QStringLiteral(" needsOnboarding=") + boolText(needsOnboarding);
+        + QStringLiteral(" needsOnboarding=") + boolText(m_needsOnboarding);
     traceLog(QStringLiteral("didFinishLaunching state — ") + fields);
     systemLog(QStringLiteral("didFinishLaunching — ") + fields);
 
     m_services.application->activateIgnoringOtherApps();
 
     QWidget *autoLoaded = MainWindowController::firstWindowWithController();
-    mainWindowController = MainWindowController::of(autoLoaded);
+    m_mainWindowController = MainWindowController::of(autoLoaded);
     traceLog(QStringLiteral("autoLoadedMain=") + describeOptional(autoLoaded) + QStringLiteral(" wc=")
-             + describeOptional(mainWindowController.data()));
+             + describeOptional(m_mainWindowController.data()));
 
-    if (!needsOnboarding) {
+    if (!m_needsOnboarding) {
         traceLog(QStringLiteral("taking MAIN WINDOW path"));
         setupStatusItem();
         prepareMainWindow();
@@ -137,7 +142,7 @@ void AppDelegate::applicationDidFinishLaunching()
     }
 
     traceLog(QStringLiteral("taking ONBOARDING path"));
-    onboardingInProgress = true;
+    m_onboardingInProgress = true;
     if (autoLoaded)
         autoLoaded->hide();
     showOnboardingWindow();
@@ -146,19 +151,19 @@ void AppDelegate::applicationDidFinishLaunching()
 
 void AppDelegate::prepareMainWindow()
 {
-    if (onboardingInProgress)
+    if (m_onboardingInProgress)
         return;
-    if (!mainWindowController) {
-        mainWindowController = instantiateMainInterface(m_services, m_services.bundle.mainInterfacePath());
+    if (!m_mainWindowController) {
+        m_mainWindowController = instantiateMainInterface(m_services, m_services.bundle.mainInterfacePath());
         systemLog(QStringLiteral("main storyboard fallback instantiate -> ")
-                  + describeOptional(mainWindowController.data()));
-        if (!mainWindowController) {
+                  + describeOptional(m_mainWindowController.data()));
+        if (!m_mainWindowController) {
             systemLog(QStringLiteral("no main window from storyboard — falling back to programmatic window"));
             showFallbackWindow(*m_services.application);
             return;
         }
     }
-    QWidget *window = mainWindowController->window();
+    QWidget *window = m_mainWindowController->window();
     if (!window) {
         systemLog(QStringLiteral("no main window from storyboard — falling back to programmatic window"));
         showFallbackWindow(*m_services.application);
@@ -177,7 +182,7 @@ void AppDelegate::prepareMainWindow()
 void AppDelegate::onboardingCompleted()
 {
     traceLog(QStringLiteral("onboarding completed — restarting app"));
-    onboardingInProgress = false;
+    m_onboardingInProgress = false;
     restartApp();
 }
 
@@ -198,7 +203,7 @@ void AppDelegate::restartApp()
 
 void AppDelegate::applicationWillTerminate()
 {
-    if (onboardingInProgress)
+    if (m_onboardingInProgress)
         OnboardingManager(m_services).setOnboardingComplete(false);
 }
 

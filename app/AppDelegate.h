@@ -49,12 +49,9 @@ public:
     // The claim to be the one running instance, released before a relaunch.
     void setSingleInstance(SingleInstance *instance) { m_singleInstance = instance; }
 
-    // Fields, in declaration order.
-    std::unique_ptr<QSystemTrayIcon> statusItem;
-    QPointer<MainWindowController> mainWindowController;
-    bool onboardingInProgress = false;
-    bool needsOnboarding = false;
-    double popupHideTimestamp = std::numeric_limits<double>::lowest(); // the distant past
+    QSystemTrayIcon *statusItem() const { return m_statusItem.get(); }
+    MainWindowController *mainWindowController() const;
+    bool isOnboardingInProgress() const { return m_onboardingInProgress; }
 
     const Services &services() const { return m_services; }
 
@@ -68,6 +65,11 @@ private:
 
     Services m_services;
     QPointer<SingleInstance> m_singleInstance;
+    std::unique_ptr<QSystemTrayIcon> m_statusItem;
+    QPointer<MainWindowController> m_mainWindowController;
+    bool m_onboardingInProgress = false;
+    bool m_needsOnboarding = false;
+    double m_popupHideTimestamp = std::numeric_limits<double>::lowest(); // the distant past
 };
 
 // Builds and shows the 500 × 360 programmatic window used when the interface file

@@ -29,20 +29,20 @@ constexpr double kClockTolerance = 1e-6;
 
 void AppDelegate::setupStatusItem()
 {
-    statusItem = std::make_unique<QSystemTrayIcon>();
+    m_statusItem = std::make_unique<QSystemTrayIcon>();
     QIcon snowflake(QStringLiteral(":/images/snowflake.svg"));
     if (!snowflake.pixmap(QSize(22, 22)).isNull()) {
         // Monochrome: trays that tint symbolic icons may recolour it.
         snowflake.setIsMask(true);
-        statusItem->setIcon(snowflake);
+        m_statusItem->setIcon(snowflake);
     }
-    statusItem->setToolTip(QStringLiteral("Vistrel"));
+    m_statusItem->setToolTip(QStringLiteral("Vistrel"));
     // No menu: every left click goes to the action.
-    connect(statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+    connect(m_statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
         if (reason == QSystemTrayIcon::Trigger)
             statusItemClicked();
     });
-    statusItem->show();
+    m_statusItem->show();
 }
 
 void AppDelegate::statusItemClicked()
@@ -53,14 +53,14 @@ void AppDelegate::statusItemClicked()
 void AppDelegate::toggleMainWindowFromStatusItem()
 {
     const double now = m_services.clock->now();
-    if (now - popupHideTimestamp < kDebounceSeconds - kClockTolerance)
+    if (now - m_popupHideTimestamp < kDebounceSeconds - kClockTolerance)
         return;
 
-    if (mainWindowController && mainWindowController->window()) {
-        QWidget *window = mainWindowController->window();
+    if (m_mainWindowController && m_mainWindowController->window()) {
+        QWidget *window = m_mainWindowController->window();
         if (window->isVisible()) {
             window->hide();
-            popupHideTimestamp = now;
+            m_popupHideTimestamp = now;
             return;
         }
         showMainWindowBelowStatusItem();
@@ -69,13 +69,13 @@ void AppDelegate::toggleMainWindowFromStatusItem()
 
     prepareMainWindow();
     // When the fallback window was shown instead, there is nothing more to do.
-    if (mainWindowController && mainWindowController->window())
+    if (m_mainWindowController && m_mainWindowController->window())
         showMainWindowBelowStatusItem();
 }
 
 void AppDelegate::showMainWindowBelowStatusItem()
 {
-    QWidget *window = mainWindowController->window();
+    QWidget *window = m_mainWindowController->window();
     // The window's own actions that belong to the delegate; connected once.
     if (auto *reset = window->findChild<QAbstractButton *>(QStringLiteral("resetOnboardingButton")))
         connect(reset, &QAbstractButton::clicked, this, &AppDelegate::resetOnboarding, Qt::UniqueConnection);
@@ -92,7 +92,7 @@ void AppDelegate::applicationShouldHandleReopen()
     systemLog(QStringLiteral("reopen requested by a second launch"));
     // During onboarding the camera window stays out of sight (it is never prepared on
     // that path): the onboarding window is what the user came back for.
-    if (!onboardingInProgress && mainWindowController && mainWindowController->window()) {
+    if (!m_onboardingInProgress && m_mainWindowController && m_mainWindowController->window()) {
         showMainWindowBelowStatusItem();
         return;
     }
@@ -100,7 +100,7 @@ void AppDelegate::applicationShouldHandleReopen()
     // installation under way still gets its answer, its alerts and its relaunch. With no
     // status item on this path, launching the app again is how the user gets back to it,
     // so the window comes back here even when it was closed.
-    if (onboardingInProgress) {
+    if (m_onboardingInProgress) {
         if (OnboardingWindowController *controller = onboardingWindowController())
             controller->showWindow();
     }
@@ -116,21 +116,21 @@ void AppDelegate::applicationShouldHandleReopen()
 
 void AppDelegate::windowDidResignKey(QWidget *sender)
 {
-    if (!sender || !mainWindowController)
+    if (!sender || !m_mainWindowController)
         return;
-    QWidget *window = mainWindowController->window();
+    QWidget *window = m_mainWindowController->window();
     // Hiding an active window deactivates it on the way out, while it still counts
     // as visible; it is already marked hidden then, and that is not a loss of key.
     if (!window || sender != window || !window->isVisible() || window->isHidden())
         return;
     window->hide();
-    popupHideTimestamp = m_services.clock->now();
+    m_popupHideTimestamp = m_services.clock->now();
 }
 
 void AppDelegate::positionWindowBelowStatusItem(QWidget *window)
 {
     // Most Wayland trays, and no tray at all, give no icon geometry.
-    const QRect anchor = statusItem ? statusItem->geometry() : QRect();
+    const QRect anchor = m_statusItem ? m_statusItem->geometry() : QRect();
     if (anchor.isEmpty()) {
         centerWindowOnScreen(window);
         return;

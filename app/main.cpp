@@ -80,9 +80,9 @@ int main(int argc, char *argv[])
     AppDelegate *mainDelegate = nullptr;
     std::unique_ptr<ControlSocket> controlSocket =
         ControlSocket::fromEnvironment(fileDialogs, [&mainDelegate]() -> ViewController * {
-            if (!mainDelegate || !mainDelegate->mainWindowController)
+            if (!mainDelegate || !mainDelegate->mainWindowController())
                 return nullptr;
-            return mainDelegate->mainWindowController->contentViewController();
+            return mainDelegate->mainWindowController()->contentViewController();
         });
     if (controlSocket)
         services.fileDialogs = &controlSocket->fileDialogs();

@@ -68,7 +68,7 @@ TEST_F(LaunchTest, DecisionTableChoosesThePathAndTracesIt)
         AppDelegate delegate(env->services);
         delegate.applicationDidFinishLaunching();
 
-        EXPECT_EQ(delegate.onboardingInProgress, c.expectOnboarding);
+        EXPECT_EQ(delegate.isOnboardingInProgress(), c.expectOnboarding);
         const auto bit = [](bool b) { return b ? QStringLiteral("true") : QStringLiteral("false"); };
         QStringList expected = {
             QStringLiteral("didFinishLaunching ENTER pid=%1 exec=/opt/vistrel/bin/vistrel")

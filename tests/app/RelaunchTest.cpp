@@ -34,8 +34,9 @@ TEST(RelaunchTest, CompletingOnboardingRestartsTheAppOrStaysUpWhenTheStartFails)
 
     env.launcher.succeed = false;
     env.launcher.failure = QStringLiteral("Process failed to start: No such file or directory");
+    delegate.applicationDidFinishLaunching(); // nothing set up yet: onboarding is shown
+    ASSERT_TRUE(delegate.isOnboardingInProgress());
     env.defaults->setBool(complete, true); // what Finish stores first
-    delegate.onboardingInProgress = true;
     delegate.restartApp();
     EXPECT_EQ(env.application.terminateCalls, 0);
     EXPECT_TRUE(

@@ -50,15 +50,14 @@ TEST(StatusItemTest, ClickTogglesTheWindowAndClicksSoonAfterAHideAreIgnored)
         ~Cleanup() { qDeleteAll(QApplication::topLevelWidgets()); }
     } cleanup;
     AppDelegate delegate(env.services);
-    auto *window = new QMainWindow;
-    window->resize(420, 300);
-    delegate.mainWindowController = new MainWindowController(window, nullptr, window);
-    delegate.prepareMainWindow();
+    delegate.prepareMainWindow(); // the interface file's main window
+    ASSERT_TRUE(delegate.mainWindowController());
+    QWidget *window = delegate.mainWindowController()->window();
     const auto click = [&] { delegate.statusItemClicked(); };
     delegate.setupStatusItem();
-    ASSERT_TRUE(delegate.statusItem);
-    EXPECT_EQ(delegate.statusItem->toolTip(), QStringLiteral("Vistrel"));
-    EXPECT_FALSE(delegate.statusItem->icon().isNull());
+    ASSERT_TRUE(delegate.statusItem());
+    EXPECT_EQ(delegate.statusItem()->toolTip(), QStringLiteral("Vistrel"));
+    EXPECT_FALSE(delegate.statusItem()->icon().isNull());
 
     click();
     ASSERT_TRUE(window->isVisible());
@@ -102,8 +101,8 @@ TEST(MainInterfaceTest, FooterButtonsExitResetAndHideAndTheDeferredStartStopsObs
     } cleanup;
     auto delegate = std::make_unique<AppDelegate>(env.services);
     delegate->prepareMainWindow();
-    ASSERT_TRUE(delegate->mainWindowController);
-    QWidget *window = delegate->mainWindowController->window();
+    ASSERT_TRUE(delegate->mainWindowController());
+    QWidget *window = delegate->mainWindowController()->window();
     const auto button = [&](const char *name) {
         auto *found = window->findChild<QAbstractButton *>(QLatin1String(name));
         EXPECT_NE(found, nullptr) << name;

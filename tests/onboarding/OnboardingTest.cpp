@@ -167,7 +167,7 @@ TEST(OnboardingWindowTest, ClosingTheWindowKeepsTheAppAndASecondLaunchShowsItAga
                      &AppDelegate::applicationShouldHandleReopen);
 
     delegate.applicationDidFinishLaunching();
-    ASSERT_TRUE(delegate.onboardingInProgress);
+    ASSERT_TRUE(delegate.isOnboardingInProgress());
     ASSERT_NE(onboardingWindowController(), nullptr);
     std::unique_ptr<QWidget> window(onboardingWindowController()->window());
     ASSERT_TRUE(window->isVisible());
