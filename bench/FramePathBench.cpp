@@ -18,7 +18,9 @@
 #include <ext/stdio_filebuf.h>
 #include <fcntl.h>
 #include <gst/gst.h>
+#include <gst/video/video.h>
 #include <iostream>
+#include <libyuv.h>
 #include <map>
 #include <unistd.h>
 #include <vector>
@@ -40,6 +42,13 @@ const std::vector<FrameKind> &cameraKinds()
 
 // Frames read from a file given on the command line replace the synthetic ones of the
 // same kind, so the comparison with other tools runs on the very same pixels.
+// Where FramePath leaves its last output frame (--output-frame), if anywhere.
+QString &outputFramePath()
+{
+    static QString path;
+    return path;
+}
+
 std::map<QString, SamplePtr> &frameOverrides()
 {
     static std::map<QString, SamplePtr> overrides;
@@ -134,6 +143,51 @@ void benchBgraToYuyv(benchmark::State &state)
     countFrames(state);
 }
 
+// The floor: only the work no 1080p -> 720p YUYV path can avoid, done with libyuv on
+// planes it is handed, one filtered scale and one packing to YUYV (plus the unpacking a
+// packed YUYV camera frame needs first), with libyuv's bilinear or box filter. No
+// capture, no picture, no pool buffer.
+void benchFloor(benchmark::State &state, GstVideoFormat format, libyuv::FilterMode filter)
+{
+    constexpr int sw = 1920, sh = 1080, dw = vcam::kFrameWidth, dh = vcam::kFrameHeight;
+    // The camera frame: a luma ramp with fine vertical stripes and flat chroma.
+    std::vector<std::uint8_t> y(sw * sh), u(sw / 2 * sh), v(sw / 2 * sh), yuy2(sw * 2 * sh);
+    for (int row = 0; row < sh; ++row)
+        for (int col = 0; col < sw; ++col)
+            y[row * sw + col] = static_cast<std::uint8_t>(16 + (row / 5 + (col % 3) * 60) % 219);
+    std::fill(u.begin(), u.end(), 100);
+    std::fill(v.begin(), v.end(), 150);
+    libyuv::I422ToYUY2(y.data(), sw, u.data(), sw / 2, v.data(), sw / 2, yuy2.data(), sw * 2, sw, sh);
+    std::vector<std::uint8_t> uv(sw * sh / 2);
+    libyuv::MergeUVPlane(u.data(), sw / 2, v.data(), sw / 2, uv.data(), sw, sw / 2, sh / 2);
+
+    std::vector<std::uint8_t> dy(dw * dh), du(dw / 2 * dh), dv(dw / 2 * dh), duv(dw * dh / 2);
+    std::vector<std::uint8_t> out(static_cast<std::size_t>(dw) * 2 * dh);
+    for (auto _ : state) {
+        switch (format) {
+        case GST_VIDEO_FORMAT_YUY2:
+            libyuv::YUY2ToI422(yuy2.data(), sw * 2, y.data(), sw, u.data(), sw / 2, v.data(), sw / 2, sw, sh);
+            libyuv::I422Scale(y.data(), sw, u.data(), sw / 2, v.data(), sw / 2, sw, sh, dy.data(), dw, du.data(),
+                              dw / 2, dv.data(), dw / 2, dw, dh, filter);
+            libyuv::I422ToYUY2(dy.data(), dw, du.data(), dw / 2, dv.data(), dw / 2, out.data(), dw * 2, dw, dh);
+            break;
+        case GST_VIDEO_FORMAT_NV12:
+            libyuv::NV12Scale(y.data(), sw, uv.data(), sw, sw, sh, dy.data(), dw, duv.data(), dw, dw, dh, filter);
+            libyuv::SplitUVPlane(duv.data(), dw, du.data(), dw / 2, dv.data(), dw / 2, dw / 2, dh / 2);
+            libyuv::I420ToYUY2(dy.data(), dw, du.data(), dw / 2, dv.data(), dw / 2, out.data(), dw * 2, dw, dh);
+            break;
+        default: // I420
+            libyuv::I420Scale(y.data(), sw, u.data(), sw / 2, v.data(), sw / 2, sw, sh, dy.data(), dw, du.data(),
+                              dw / 2, dv.data(), dw / 2, dw, dh, filter);
+            libyuv::I420ToYUY2(dy.data(), dw, du.data(), dw / 2, dv.data(), dw / 2, out.data(), dw * 2, dw, dh);
+            break;
+        }
+        benchmark::DoNotOptimize(out.data());
+        benchmark::ClobberMemory();
+    }
+    countFrames(state);
+}
+
 void benchFramePath(benchmark::State &state, FrameKind kind)
 {
     const SamplePtr sample = cameraSample(kind);
@@ -153,6 +207,8 @@ void benchFramePath(benchmark::State &state, FrameKind kind)
             return;
     }
     countFrames(state);
+    if (!outputFramePath().isEmpty() && !link.writeLastFrame(outputFramePath()))
+        state.SkipWithError("the output frame could not be written");
 }
 
 void registerBenchmarks()
@@ -172,6 +228,15 @@ void registerBenchmarks()
         }
     }
     benchmark::RegisterBenchmark("BgraToYuyv/1280x720", benchBgraToYuyv)->Unit(benchmark::kMillisecond);
+    for (auto [format, formatName] :
+         {std::pair{GST_VIDEO_FORMAT_YUY2, "YUY2"}, std::pair{GST_VIDEO_FORMAT_NV12, "NV12"},
+          std::pair{GST_VIDEO_FORMAT_I420, "I420"}}) {
+        for (auto [filter, filterName] :
+             {std::pair{libyuv::kFilterBilinear, "bilinear"}, std::pair{libyuv::kFilterBox, "box"}}) {
+            const QByteArray name = QStringLiteral("Floor/%1/1920x1080/%2").arg(formatName, filterName).toUtf8();
+            benchmark::RegisterBenchmark(name.constData(), benchFloor, format, filter)->Unit(benchmark::kMillisecond);
+        }
+    }
     for (const FrameKind &kind : cameraKinds()) {
         const QByteArray name = ("FramePath/" + kindName(kind)).toUtf8();
         benchmark::RegisterBenchmark(name.constData(), benchFramePath, kind)
@@ -180,14 +245,20 @@ void registerBenchmarks()
     }
 }
 
-// --raw-frame=FORMAT:WIDTHxHEIGHT:PATH (FORMAT YUY2, NV12 or I420), repeatable.
+// --raw-frame=FORMAT:WIDTHxHEIGHT:PATH (FORMAT YUY2, NV12 or I420), repeatable, and
+// --output-frame=PATH (FramePath writes its last 1280x720 YUYV output frame there).
 // Answers false, after saying why, for an argument it cannot use.
 bool takeRawFrameArguments(int &argc, char **argv)
 {
     const QByteArray prefix = "--raw-frame=";
+    const QByteArray outputPrefix = "--output-frame=";
     int kept = 1;
     for (int i = 1; i < argc; ++i) {
         const QByteArray argument = argv[i];
+        if (argument.startsWith(outputPrefix)) {
+            outputFramePath() = QString::fromLocal8Bit(argument.mid(outputPrefix.size()));
+            continue;
+        }
         if (!argument.startsWith(prefix)) {
             argv[kept++] = argv[i];
             continue;

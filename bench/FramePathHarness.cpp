@@ -10,6 +10,7 @@
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QTimer>
 #include <chrono>
 #include <gst/app/gstappsrc.h>
@@ -103,8 +104,10 @@ LinkedController::LinkedController(FrameWriting writing)
     m_extension.justAnswer = QStringLiteral("sc=1");
     // The device writer's YUYV conversion, when asked for, is done by the sink queue.
     if (writing == FrameWriting::Yuyv)
-        m_extension.wrapQueue = [](std::shared_ptr<vcam::SimpleQueue> queue) {
-            return std::make_shared<YuyvWritingQueue>(std::move(queue));
+        m_extension.wrapQueue = [this](std::shared_ptr<vcam::SimpleQueue> queue) {
+            auto writing = std::make_shared<YuyvWritingQueue>(std::move(queue));
+            m_yuyvQueue = writing;
+            return writing;
         };
     m_services.virtualCamera = &m_extension;
     m_controller = std::make_unique<ViewController>(m_services);
@@ -129,6 +132,18 @@ bool LinkedController::deliverCameraFrame(GstBuffer *frame)
     const qint64 previous = current ? current->cacheKey() : 0;
     gst_app_src_push_buffer(GST_APP_SRC(m_camera->lastSource()), gst_buffer_ref(frame));
     return waitOnEventLoop([&current, previous] { return current && current->cacheKey() != previous; }, 2000);
+}
+
+bool LinkedController::writeLastFrame(const QString &path) const
+{
+    const std::shared_ptr<YuyvWritingQueue> queue = m_yuyvQueue.lock();
+    if (!queue || queue->lastFrame().empty())
+        return false;
+    QFile file(path);
+    const auto &frame = queue->lastFrame();
+    return file.open(QIODevice::WriteOnly | QIODevice::Truncate)
+        && file.write(reinterpret_cast<const char *>(frame.data()), static_cast<qint64>(frame.size()))
+        == static_cast<qint64>(frame.size());
 }
 
 bool LinkedController::tick()

@@ -54,6 +54,8 @@ public:
     int count() const override { return m_inner->count(); }
     int capacity() const override { return m_inner->capacity(); }
     vcam::Status enqueue(vcam::SampleBuffer sample) override;
+    // The last frame as the device gets it: 1280x720 YUYV.
+    const std::vector<std::uint8_t> &lastFrame() const { return m_yuyv; }
 
 private:
     std::shared_ptr<vcam::SimpleQueue> m_inner;
@@ -78,11 +80,14 @@ public:
     bool tick();
     // The consumer takes the oldest frame, which reopens the gate.
     void consumeFrame() { m_extension.queue->takeFrame(); }
+    // Writes the last frame sent, as the device gets it (YUYV), to `path`.
+    bool writeLastFrame(const QString &path) const;
 
     ViewController &controller() { return *m_controller; }
 
 private:
     test::SimulatedExtension m_extension;
+    std::weak_ptr<YuyvWritingQueue> m_yuyvQueue;
     Services m_services;
     std::unique_ptr<ViewController> m_controller;
     std::unique_ptr<SyntheticCamera> m_camera;
