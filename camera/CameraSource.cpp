@@ -62,8 +62,7 @@ void CameraSource::setupDefaultCapture()
         consoleLine(QStringLiteral("Erreur : Pas de caméra disponible."));
         return;
     }
-    startCaptureSession(devices.front(), QStringLiteral("Erreur lors de la configuration de la caméra : "),
-                        &m_videoOutput);
+    startCaptureSession(devices.front(), QStringLiteral("Erreur lors de la configuration de la caméra : "));
 }
 
 void CameraSource::configureCapture(const CameraDevice &device)
@@ -71,7 +70,7 @@ void CameraSource::configureCapture(const CameraDevice &device)
     // The previous session is released here; it winds down on its own. Each session gets
     // its own output and its own streaming thread.
     m_captureSession = std::make_shared<CaptureSession>();
-    startCaptureSession(device, QStringLiteral("Erreur lors de la configuration de la capture vidéo : "), nullptr);
+    startCaptureSession(device, QStringLiteral("Erreur lors de la configuration de la capture vidéo : "));
 }
 
 void CameraSource::resumeCapture()
@@ -80,8 +79,7 @@ void CameraSource::resumeCapture()
         m_captureSession->startRunning();
 }
 
-void CameraSource::startCaptureSession(const CameraDevice &device, const QString &errorPrefix,
-                                       std::shared_ptr<VideoDataOutput> *keptOutput)
+void CameraSource::startCaptureSession(const CameraDevice &device, const QString &errorPrefix)
 {
     QString error;
     auto input = CaptureDeviceInput::create(device, &error);
@@ -93,8 +91,6 @@ void CameraSource::startCaptureSession(const CameraDevice &device, const QString
         m_captureSession->addInput(input);
 
     auto output = std::make_shared<VideoDataOutput>();
-    if (keptOutput)
-        *keptOutput = output;
     if (m_captureSession->canAddOutput(*output)) {
         m_captureSession->addOutput(output);
         attachCameraFrames(*output);

@@ -63,8 +63,7 @@ Q_SIGNALS:
     void pictureTaken(const QImage &picture);
 
 private:
-    void startCaptureSession(const CameraDevice &device, const QString &errorPrefix,
-                             std::shared_ptr<VideoDataOutput> *keptOutput);
+    void startCaptureSession(const CameraDevice &device, const QString &errorPrefix);
     void attachCameraFrames(VideoDataOutput &output);
     // Streaming thread.
     bool wantsCameraPicture();
@@ -77,7 +76,6 @@ private:
     std::vector<CameraDevice> m_videoDevices;
     std::optional<CameraDevice> m_selectedDevice;
     std::shared_ptr<CaptureSession> m_captureSession;
-    std::shared_ptr<VideoDataOutput> m_videoOutput; // the default session's output
     // While nobody reads the virtual camera, a camera picture is taken this often.
     static constexpr std::chrono::milliseconds kStandbyPictureInterval{500};
     std::atomic<std::chrono::steady_clock::rep> m_nextStandbyPicture{0};

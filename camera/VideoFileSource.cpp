@@ -115,14 +115,6 @@ void VideoFileSource::playerItemDidReachEnd()
     reversePlaybackAtEnd();
 }
 
-void VideoFileSource::videoDidEnd()
-{
-    if (!m_player)
-        return;
-    m_player->seekToZero();
-    m_player->play();
-}
-
 void VideoFileSource::reversePlaybackAtEnd()
 {
     if (m_player)

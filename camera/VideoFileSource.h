@@ -53,9 +53,6 @@ private:
     void updateVideoFrame();
     void playerItemDidReachEnd();
     void reversePlaybackAtEnd();
-    // The other loop, restarting from the top; the end of a file turns the direction
-    // instead, so nothing registers this.
-    void videoDidEnd();
 
     AlertPresenter *const m_alerts;
     Timers &m_timers;
