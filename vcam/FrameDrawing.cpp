@@ -3,14 +3,14 @@
 #include "vcam/PixelBuffer.h"
 
 #include <QPainter>
-#include <libyuv/scale_argb.h>
+#include <libyuv/planar_functions.h>
 
 namespace vistrel::vcam {
 
 namespace {
 
 // Pictures whose bytes are already the buffer's B,G,R,A with an opaque or premultiplied
-// alpha: scaling them is a plain nearest-pixel resample, no per-pixel conversion.
+// alpha: at the buffer's size they are copied as they are.
 bool isBufferLayout(QImage::Format format)
 {
     return format == QImage::Format_RGB32 || format == QImage::Format_ARGB32_Premultiplied;
@@ -20,24 +20,21 @@ bool isBufferLayout(QImage::Format format)
 
 void drawFrame(PixelBuffer &buffer, const QImage &picture, bool mirror)
 {
-    // The frame path's common case, a camera or movie picture drawn unmirrored: libyuv's
-    // nearest-pixel scaler writes each buffer pixel once, several times faster than
-    // QPainter's general transform. It samples pixel centres, as QPainter does without
-    // smooth transformation.
-    if (!mirror && !picture.isNull() && isBufferLayout(picture.format())
+    // The frame path's common case, a camera picture already at the frame's size drawn
+    // unmirrored: a plain copy of the rows. Anything else is scaled by QPainter, whose
+    // smooth transform blends the nearest four pixels exactly (libyuv's ARGB filter
+    // loses up to two levels on each channel, alpha included).
+    if (!mirror && picture.size() == buffer.image().size() && isBufferLayout(picture.format())
         && buffer.image().format() == QImage::Format_ARGB32_Premultiplied) {
-        const int scaled =
-            libyuv::ARGBScale(picture.constBits(), static_cast<int>(picture.bytesPerLine()), picture.width(),
-                              picture.height(), buffer.baseAddress(), static_cast<int>(buffer.bytesPerRow()),
-                              buffer.width(), buffer.height(), libyuv::kFilterNone);
-        if (scaled == 0)
-            return;
+        libyuv::ARGBCopy(picture.constBits(), static_cast<int>(picture.bytesPerLine()), buffer.baseAddress(),
+                         static_cast<int>(buffer.bytesPerRow()), buffer.width(), buffer.height());
+        return;
     }
 
     QPainter painter(&buffer.image());
     if (!painter.isActive())
         return; // the buffer goes out with whatever it held
-    painter.setRenderHint(QPainter::SmoothPixmapTransform, false);
+    painter.setRenderHint(QPainter::SmoothPixmapTransform);
     painter.setCompositionMode(QPainter::CompositionMode_Source);
     const qreal width = buffer.width();
     const qreal height = buffer.height();

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <libyuv/convert_argb.h>
 #include <libyuv/planar_functions.h>
-#include <libyuv/scale_argb.h>
+#include <libyuv/scale.h>
 
 namespace vistrel::camera {
 
@@ -60,23 +60,48 @@ bool PictureConverter::prepare(GstCaps *caps, QSize largest)
     default: return false; // BGRx passes as it is
     }
 
+    const GstVideoFormat format = GST_VIDEO_INFO_FORMAT(&m_in);
     const int width = GST_VIDEO_INFO_WIDTH(&m_in);
     const int height = GST_VIDEO_INFO_HEIGHT(&m_in);
     const int pictureWidth = largest.isEmpty() ? width : std::min(width, largest.width());
     const int pictureHeight = largest.isEmpty() ? height : std::min(height, largest.height());
     m_shrinking = pictureWidth != width || pictureHeight != height;
-    // Columns are picked before conversion when the luma and the chroma rows both
-    // shrink by the same whole-number ratio (4:2:x chroma is half as wide).
-    const bool chromaHalfWidth = GST_VIDEO_INFO_FORMAT(&m_in) != GST_VIDEO_FORMAT_Y444;
-    m_columnRatio = columnRatio(width, pictureWidth);
-    if (chromaHalfWidth && columnRatio((width + 1) / 2, (pictureWidth + 1) / 2) != m_columnRatio)
-        m_columnRatio = ColumnRatio::Other;
-    const bool picksBeforeConversion = m_columnRatio != ColumnRatio::Other;
-    m_row.resize(pictureWidth != width && !picksBeforeConversion ? static_cast<std::size_t>(width) * 4 : 0);
-    // A packed row split into planes: Y, then U and V half as wide.
-    const bool packed =
-        GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_YUY2 || GST_VIDEO_INFO_FORMAT(&m_in) == GST_VIDEO_FORMAT_UYVY;
-    m_planes.resize(packed ? static_cast<std::size_t>(width + 2 * ((width + 1) / 2)) : 0);
+    const bool packed = format == GST_VIDEO_FORMAT_YUY2 || format == GST_VIDEO_FORMAT_UYVY;
+    // A packed row split into planes (Y, then U and V half as wide), or an interleaved
+    // chroma row into U and V.
+    const bool pairs = format == GST_VIDEO_FORMAT_NV12 || format == GST_VIDEO_FORMAT_NV21;
+    m_planes.resize(packed || pairs ? static_cast<std::size_t>(width + 2 * ((width + 1) / 2)) : 0);
+
+    // Rows are shrunk one at a time when the luma and the chroma both shrink by the
+    // same ratio the row shrinking knows, across and down (4:2:x chroma is half as
+    // wide, 4:2:0 half as high).
+    const bool chromaHalfWidth = format != GST_VIDEO_FORMAT_Y444;
+    const bool chromaHalfHeight = format == GST_VIDEO_FORMAT_NV12 || format == GST_VIDEO_FORMAT_NV21
+        || format == GST_VIDEO_FORMAT_I420 || format == GST_VIDEO_FORMAT_YV12;
+    m_widthRatio = shrinkRatio(width, pictureWidth);
+    if (chromaHalfWidth && shrinkRatio((width + 1) / 2, (pictureWidth + 1) / 2) != m_widthRatio)
+        m_widthRatio = ShrinkRatio::Other;
+    m_heightRatio = shrinkRatio(height, pictureHeight);
+    if (chromaHalfHeight && shrinkRatio((height + 1) / 2, (pictureHeight + 1) / 2) != m_heightRatio)
+        m_heightRatio = ShrinkRatio::Other;
+    m_shrinksByRows = m_widthRatio != ShrinkRatio::Other && m_heightRatio != ShrinkRatio::Other;
+    const auto rowBytes = [&](int rowWidth) {
+        const int chromaWidth = chromaHalfWidth ? (rowWidth + 1) / 2 : rowWidth;
+        if (packed)
+            return RowBytes{4 * chromaWidth, 0};
+        return RowBytes{rowWidth, pairs ? 2 * chromaWidth : chromaWidth};
+    };
+    m_sourceRow = rowBytes(width);
+    m_pictureRow = rowBytes(pictureWidth);
+    const auto rowSize = [](RowBytes bytes) { return static_cast<std::size_t>(bytes.first + 2 * bytes.chroma); };
+    const bool byRows = m_shrinking && m_shrinksByRows;
+    m_blended.resize(byRows ? rowSize(m_sourceRow) : 0);
+    m_shrunk.resize(byRows ? rowSize(m_pictureRow) : 0);
+    // Shrinking whole: a packed frame split into 4:2:2 planes, and the planes at the
+    // picture's size (at most three full planes, 4:4:4).
+    const bool whole = m_shrinking && !m_shrinksByRows;
+    m_split.resize(whole && packed ? static_cast<std::size_t>(height) * (width + 2 * ((width + 1) / 2)) : 0);
+    m_scaled.resize(whole ? static_cast<std::size_t>(pictureHeight) * pictureWidth * 3 : 0);
 
     GstVideoInfo &picture = m_picture;
     gst_video_info_set_format(&picture, GST_VIDEO_FORMAT_BGRx, static_cast<guint>(pictureWidth),
@@ -86,15 +111,14 @@ bool PictureConverter::prepare(GstCaps *caps, QSize largest)
     GST_VIDEO_INFO_PAR_N(&picture) = GST_VIDEO_INFO_PAR_N(&m_in);
     GST_VIDEO_INFO_PAR_D(&picture) = GST_VIDEO_INFO_PAR_D(&m_in);
     m_pictureCaps = gst_video_info_to_caps(&picture);
-    m_pickedRow.resize(picksBeforeConversion ? static_cast<std::size_t>(pickedPlaneStride()) * 3 : 0);
 
     m_matrix = libyuvMatrixFor(GST_VIDEO_INFO_COLORIMETRY(&m_in));
     if (!m_matrix) {
-        // GStreamer's converter shrinks as it converts; by nearest pixels, as
-        // below.
+        // GStreamer's converter shrinks as it converts; its linear resampler widens
+        // to the ratio when shrinking, so it smooths as the area shrinking does.
         GstStructure *options =
             gst_structure_new("options", GST_VIDEO_CONVERTER_OPT_RESAMPLER_METHOD, GST_TYPE_VIDEO_RESAMPLER_METHOD,
-                              GST_VIDEO_RESAMPLER_METHOD_NEAREST, nullptr);
+                              GST_VIDEO_RESAMPLER_METHOD_LINEAR, nullptr);
         m_exactConverter = gst_video_converter_new(&m_in, &picture, options);
         if (!m_exactConverter)
             return false;
@@ -202,67 +226,157 @@ void PictureConverter::convert(const GstVideoFrame &in, GstVideoFrame &out)
         convertRows(format, planes, width, height, bgrx, bgrxStride);
         return;
     }
+    if (!m_shrinksByRows) {
+        shrinkWhole(planes, bgrx, bgrxStride);
+        return;
+    }
     const int pictureWidth = GST_VIDEO_FRAME_WIDTH(&out);
     const int pictureHeight = GST_VIDEO_FRAME_HEIGHT(&out);
     for (int row = 0; row < pictureHeight; ++row) {
-        // The source row nearest to this row's centre.
-        const int sourceRow = static_cast<int>((2 * static_cast<std::int64_t>(row) + 1) * height / (2 * pictureHeight));
-        std::uint8_t *pictureRow = bgrx + static_cast<std::ptrdiff_t>(row) * bgrxStride;
-        const Planes sourcePlanes = planes.fromRow(sourceRow);
-        if (pictureWidth == width) {
-            convertRows(format, sourcePlanes, width, 1, pictureRow, bgrxStride);
-            continue;
-        }
-        if (m_columnRatio != ColumnRatio::Other) {
-            Planes picked;
-            const GstVideoFormat pickedFormat = pickColumns(sourcePlanes, picked);
-            convertRows(pickedFormat, picked, pictureWidth, 1, pictureRow, bgrxStride);
-            continue;
-        }
-        convertRows(format, sourcePlanes, width, 1, m_row.data(), width * 4);
-        libyuv::ARGBScale(m_row.data(), width * 4, width, 1, pictureRow, bgrxStride, pictureWidth, 1,
-                          libyuv::kFilterNone);
+        GstVideoFormat rowFormat = format;
+        const Planes shrunk = shrunkRow(blendedRow(planes, row), rowFormat);
+        convertRows(rowFormat, shrunk, pictureWidth, 1, bgrx + static_cast<std::ptrdiff_t>(row) * bgrxStride,
+                    bgrxStride);
     }
 }
 
-GstVideoFormat PictureConverter::pickColumns(const Planes &row, Planes &picked)
+PictureConverter::Planes PictureConverter::blendedRow(const Planes &frame, int row)
 {
-    const int width = GST_VIDEO_INFO_WIDTH(&m_in);
-    const int pictureWidth = GST_VIDEO_INFO_WIDTH(&m_picture);
-    const int pictureChromaWidth = (pictureWidth + 1) / 2;
-    const ColumnRatio ratio = m_columnRatio;
-    auto *y = m_pickedRow.data();
-    auto *u = y + pickedPlaneStride();
-    auto *v = u + pickedPlaneStride();
-    picked.y = y;
-    picked.u = u;
-    picked.v = v;
-    // The strides are never stepped: a picked row is converted alone.
+    if (m_heightRatio == ShrinkRatio::OneToOne)
+        return frame.fromRow(row);
+    Planes blended = frame;
+    auto *first = m_blended.data();
+    auto *u = first + m_sourceRow.first;
+    auto *v = u + m_sourceRow.chroma;
+    const auto blend = [this](const std::uint8_t *plane, int stride, int planeRow, std::uint8_t *out, int bytes) {
+        const RowSpan span = sourceRows(m_heightRatio, planeRow);
+        const std::uint8_t *rows[3] = {};
+        for (int i = 0; i < span.count; ++i)
+            rows[i] = plane + static_cast<std::ptrdiff_t>(span.first + i) * stride;
+        blendRows(m_heightRatio, planeRow, rows, out, bytes);
+    };
+    blend(frame.y, frame.yStride, row, first, m_sourceRow.first);
+    blended.y = first;
+    // A 4:2:0 chroma row serves two rows: the second finds it blended already.
+    const bool chromaBlended = frame.chromaHalfHeight && row % 2 == 1;
+    const int chromaRow = frame.chromaHalfHeight ? row / 2 : row;
+    if (frame.u) {
+        if (!chromaBlended)
+            blend(frame.u, frame.uStride, chromaRow, u, m_sourceRow.chroma);
+        blended.u = u;
+    }
+    if (frame.v) {
+        if (!chromaBlended)
+            blend(frame.v, frame.vStride, chromaRow, v, m_sourceRow.chroma);
+        blended.v = v;
+    }
+    // The strides are never stepped: a blended row is converted alone.
+    return blended;
+}
 
-    GstVideoFormat format = GST_VIDEO_INFO_FORMAT(&m_in);
+PictureConverter::Planes PictureConverter::shrunkRow(const Planes &row, GstVideoFormat &format)
+{
+    if (m_widthRatio == ShrinkRatio::OneToOne)
+        return row;
+    // Interleaved rows are split into planes first (one vector pass each): a plane's
+    // columns shrink several times faster than interleaved ones, and a row of planes
+    // converts as fast.
     Planes source = row;
+    switch (format) {
+    case GST_VIDEO_FORMAT_YUY2:
+    case GST_VIDEO_FORMAT_UYVY:
+        source = splitPackedRow(format, row.y, GST_VIDEO_INFO_WIDTH(&m_in));
+        format = GST_VIDEO_FORMAT_Y42B;
+        break;
+    case GST_VIDEO_FORMAT_NV12:
+    case GST_VIDEO_FORMAT_NV21: {
+        const int pairs = m_sourceRow.chroma / 2;
+        auto *first = m_planes.data(), *second = first + pairs;
+        libyuv::SplitUVPlane(row.u, 0, first, 0, second, 0, pairs, 1);
+        const bool uFirst = format == GST_VIDEO_FORMAT_NV12;
+        source.u = uFirst ? first : second;
+        source.v = uFirst ? second : first;
+        format = GST_VIDEO_FORMAT_Y42B;
+        break;
+    }
+    default: break;
+    }
+    const int width = GST_VIDEO_INFO_WIDTH(&m_picture);
+    const int chromaWidth = format == GST_VIDEO_FORMAT_Y444 ? width : (width + 1) / 2;
+    Planes shrunk = source;
+    auto *y = m_shrunk.data();
+    auto *u = y + width;
+    auto *v = u + chromaWidth;
+    shrinkColumns(m_widthRatio, source.y, y, width);
+    shrinkColumns(m_widthRatio, source.u, u, chromaWidth);
+    shrinkColumns(m_widthRatio, source.v, v, chromaWidth);
+    shrunk.y = y;
+    shrunk.u = u;
+    shrunk.v = v;
+    return shrunk;
+}
+
+void PictureConverter::shrinkWhole(const Planes &frame, std::uint8_t *bgrx, int bgrxStride)
+{
+    GstVideoFormat format = GST_VIDEO_INFO_FORMAT(&m_in);
+    const int width = GST_VIDEO_INFO_WIDTH(&m_in);
+    const int height = GST_VIDEO_INFO_HEIGHT(&m_in);
+    const int pictureWidth = GST_VIDEO_INFO_WIDTH(&m_picture);
+    const int pictureHeight = GST_VIDEO_INFO_HEIGHT(&m_picture);
+    Planes source = frame;
     if (format == GST_VIDEO_FORMAT_YUY2 || format == GST_VIDEO_FORMAT_UYVY) {
-        // Split into planes first (one vector pass), then picked as I422.
-        source = splitPackedRow(format, row.y, width);
+        // libyuv scales planes only: a packed frame is split into 4:2:2 planes first.
+        const int chromaWidth = (width + 1) / 2;
+        auto *y = m_split.data();
+        auto *u = y + static_cast<std::ptrdiff_t>(width) * height;
+        auto *v = u + static_cast<std::ptrdiff_t>(chromaWidth) * height;
+        if (format == GST_VIDEO_FORMAT_YUY2)
+            libyuv::YUY2ToI422(frame.y, frame.yStride, y, width, u, chromaWidth, v, chromaWidth, width, height);
+        else
+            libyuv::UYVYToI422(frame.y, frame.yStride, y, width, u, chromaWidth, v, chromaWidth, width, height);
+        source.y = y;
+        source.u = u;
+        source.v = v;
+        source.yStride = width;
+        source.uStride = source.vStride = chromaWidth;
         format = GST_VIDEO_FORMAT_Y42B;
     }
-    vistrel::camera::pickColumns(ratio, source.y, y, pictureWidth);
+    const int chromaWidth = format == GST_VIDEO_FORMAT_Y444 ? pictureWidth : (pictureWidth + 1) / 2;
+    const int chromaHeight = source.chromaHalfHeight ? (pictureHeight + 1) / 2 : pictureHeight;
+    auto *y = m_scaled.data();
+    auto *u = y + static_cast<std::ptrdiff_t>(pictureWidth) * pictureHeight;
+    auto *v = u + static_cast<std::ptrdiff_t>(chromaWidth) * chromaHeight;
+    Planes scaled = source;
+    scaled.y = y;
+    scaled.u = u;
+    scaled.v = v;
+    scaled.yStride = pictureWidth;
+    scaled.uStride = scaled.vStride = chromaWidth;
+    // libyuv's box filter: the area mean at any ratio (bilinear where it grows).
+    constexpr auto filter = libyuv::kFilterBox;
     switch (format) {
     case GST_VIDEO_FORMAT_NV12:
-    case GST_VIDEO_FORMAT_NV21:
-        // The chroma pairs are picked whole, as two-byte samples.
-        vistrel::camera::pickColumns(ratio, reinterpret_cast<const std::uint16_t *>(source.u),
-                                     reinterpret_cast<std::uint16_t *>(u), pictureChromaWidth);
-        return format;
+    case GST_VIDEO_FORMAT_NV21: // pairs scale alike whichever comes first
+        scaled.uStride = 2 * chromaWidth;
+        libyuv::NV12Scale(source.y, source.yStride, source.u, source.uStride, width, height, y, scaled.yStride, u,
+                          scaled.uStride, pictureWidth, pictureHeight, filter);
+        break;
+    case GST_VIDEO_FORMAT_I420:
+    case GST_VIDEO_FORMAT_YV12:
+        libyuv::I420Scale(source.y, source.yStride, source.u, source.uStride, source.v, source.vStride, width, height,
+                          y, scaled.yStride, u, scaled.uStride, v, scaled.vStride, pictureWidth, pictureHeight, filter);
+        break;
+    case GST_VIDEO_FORMAT_Y42B:
+        libyuv::I422Scale(source.y, source.yStride, source.u, source.uStride, source.v, source.vStride, width, height,
+                          y, scaled.yStride, u, scaled.uStride, v, scaled.vStride, pictureWidth, pictureHeight, filter);
+        break;
     case GST_VIDEO_FORMAT_Y444:
-        vistrel::camera::pickColumns(ratio, source.u, u, pictureWidth);
-        vistrel::camera::pickColumns(ratio, source.v, v, pictureWidth);
-        return format;
-    default: // I420, YV12, Y42B and split packed rows: one row of any of them is a row of I422
-        vistrel::camera::pickColumns(ratio, source.u, u, pictureChromaWidth);
-        vistrel::camera::pickColumns(ratio, source.v, v, pictureChromaWidth);
-        return GST_VIDEO_FORMAT_Y42B;
+        libyuv::I444Scale(source.y, source.yStride, source.u, source.uStride, source.v, source.vStride, width, height,
+                          y, scaled.yStride, u, scaled.uStride, v, scaled.vStride, pictureWidth, pictureHeight, filter);
+        break;
+    default: return;
     }
+    convertRows(format, scaled, pictureWidth, pictureHeight, bgrx, bgrxStride);
 }
 
 void PictureConverter::convertRows(GstVideoFormat format, const Planes &in, int width, int height, std::uint8_t *bgrx,

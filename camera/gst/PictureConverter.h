@@ -1,5 +1,5 @@
 #pragma once
-#include "camera/gst/ColumnPick.h"
+#include "camera/gst/AreaShrink.h"
 
 #include <QSize>
 #include <cstdint>
@@ -17,13 +17,13 @@ namespace vistrel::camera {
 // released, so a frame costs no pixel allocation. Used by one streaming thread
 // at a time.
 //
-// A frame larger than the largest picture wanted is shrunk as it is converted,
-// by nearest pixels: only the rows the picture keeps are converted, and at the
-// common ratios (1920, 2560 and 3840 wide to 1280) only the columns it keeps
-// too, picked from the YUV row before conversion. At other ratios a kept row is
-// converted whole into a one-row buffer that stays in cache, and the kept
-// columns are picked from that. The large frame is never written out whole, and
-// nearest pixels are what the picture's later stretch would have picked anyway.
+// A frame larger than the largest picture wanted is shrunk as it is converted, by
+// area (each picture pixel is the mean of the camera pixels it covers), so stripes,
+// text and edges stay smooth instead of aliasing. At the common ratios (1920x1080,
+// 2560x1440 and 3840x2160 to 1280x720) this is done a row at a time on the YUV
+// planes: the row is blended from its source rows, its columns shrunk, and the
+// small row converted while it is still in cache; the large frame is never written
+// out whole. At other ratios libyuv's box filter shrinks the planes whole first.
 //
 // BT.601 (what USB cameras and JPEG use) goes through libyuv. libyuv's BT.709
 // and BT.2020 tables clip strong blues by up to 16 levels, so frames in those
@@ -63,19 +63,33 @@ private:
     bool prepare(GstCaps *caps, QSize largest);
     void convert(const GstVideoFrame &in, GstVideoFrame &out);
     void convertRows(GstVideoFormat format, const Planes &in, int width, int rows, std::uint8_t *bgrx, int bgrxStride);
-    // One row's kept columns, as planes at the picture's width, and their layout.
-    GstVideoFormat pickColumns(const Planes &row, Planes &picked);
-    // Where each picked plane starts in m_pickedRow: aligned, and wide enough for
-    // a row of chroma pairs.
-    int pickedPlaneStride() const { return (GST_VIDEO_INFO_WIDTH(&m_picture) + 1 + 63) & ~63; }
+    // One picture row blended from its source rows, at the camera's width, in m_blended
+    // (or the source row itself when the height is kept).
+    Planes blendedRow(const Planes &frame, int row);
+    // A row at the camera's width shrunk to the picture's, in m_shrunk; `format` becomes
+    // the shrunk row's.
+    Planes shrunkRow(const Planes &row, GstVideoFormat &format);
+    // The frame's planes shrunk whole into m_scaled by libyuv, then converted.
+    void shrinkWhole(const Planes &frame, std::uint8_t *bgrx, int bgrxStride);
     void reset();
 
     GstCaps *m_inputCaps = nullptr;
     QSize m_largest;
     bool m_shrinking = false;
-    ColumnRatio m_columnRatio = ColumnRatio::Other;
-    std::vector<std::uint8_t> m_row;       // one converted row at the camera's width
-    std::vector<std::uint8_t> m_pickedRow; // a row's kept columns, in planes
+    bool m_shrinksByRows = false; // both ratios are ones the row shrinking knows
+    ShrinkRatio m_widthRatio = ShrinkRatio::OneToOne;
+    ShrinkRatio m_heightRatio = ShrinkRatio::OneToOne;
+    // Bytes of one row's first plane (or packed row) and of its chroma plane(s), at the
+    // camera's width and at the picture's.
+    struct RowBytes
+    {
+        int first = 0, chroma = 0;
+    };
+    RowBytes m_sourceRow, m_pictureRow;
+    std::vector<std::uint8_t> m_blended; // one blended row, planes one after the other
+    std::vector<std::uint8_t> m_shrunk;  // the same row at the picture's width
+    std::vector<std::uint8_t> m_split;   // a packed frame as 4:2:2 planes, for shrinkWhole
+    std::vector<std::uint8_t> m_scaled;  // the planes at the picture's size, for shrinkWhole
     bool m_passthrough = true;
     GstVideoInfo m_in{};
     GstVideoInfo m_picture{};

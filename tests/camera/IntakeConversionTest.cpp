@@ -154,10 +154,110 @@ TEST(IntakeConversionTest, CameraYuvBecomesThePictureItWasMadeFrom)
             const QImage converted = imageFromSample(delivered.get());
             ASSERT_EQ(converted.size(), expected);
             const QImage reference =
-                videoconvertPicture(frame).scaled(expected, Qt::IgnoreAspectRatio, Qt::FastTransformation);
-            // Bounded, nearest picks may land a pixel or two from Qt's: a few levels of the
+                videoconvertPicture(frame).scaled(expected, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+            // Shrunk, the area means may land a little from Qt's own: a few levels of the
             // gradient. A wrong row, plane, stride or chroma order is off by a hundred.
             EXPECT_LE(largestChannelError(converted, reference), bound.isEmpty() ? layout.tolerance : 12);
+        }
+    }
+}
+
+// Luma-like level of a picture pixel (its three channels are close: the pictures below
+// are grey).
+int level(QRgb pixel)
+{
+    return qGreen(pixel);
+}
+
+// The mean level, and the spread, of a picture's pixels in [from, to) rows and columns.
+struct Levels
+{
+    double mean = 0;
+    int lowest = 255, highest = 0;
+};
+
+Levels levels(const QImage &picture, QRect area)
+{
+    Levels found;
+    double sum = 0;
+    for (int y = area.top(); y <= area.bottom(); ++y)
+        for (int x = area.left(); x <= area.right(); ++x) {
+            const int value = level(picture.pixel(x, y));
+            sum += value;
+            found.lowest = std::min(found.lowest, value);
+            found.highest = std::max(found.highest, value);
+        }
+    found.mean = sum / (area.width() * area.height());
+    return found;
+}
+
+// Shrinking takes the mean of the pixels each picture pixel covers, at the ratios shrunk
+// a row at a time and at the others alike: one-pixel stripes turn grey rather than into
+// stripes of another width, stripes of any period keep their mean level (a picture that
+// picked pixels would keep one stripe in two of a three-pixel period, not one in three),
+// and the outermost rows and columns still count. A size kept passes unchanged.
+TEST(IntakeConversionTest, ShrinkingKeepsTheMeanAndTheEdgesAndAKeptSizeIsUntouched)
+{
+    const QSize largest(320, 180);
+    const QSize sizes[] = {{480, 270}, {640, 360}, {960, 540}, {400, 225}, {320, 270}, {320, 180}};
+    const char *formats[] = {"YUY2", "UYVY", "NV12", "NV21", "I420", "Y444"};
+    // White columns or rows, `period` apart; and a white border round black.
+    const auto stripes = [](QSize size, int period, bool columns) {
+        QImage picture(size, QImage::Format_RGB32);
+        for (int y = 0; y < size.height(); ++y)
+            for (int x = 0; x < size.width(); ++x)
+                picture.setPixel(x, y, (columns ? x : y) % period == 0 ? qRgb(255, 255, 255) : qRgb(0, 0, 0));
+        return picture;
+    };
+    const auto border = [](QSize size) {
+        QImage picture(size, QImage::Format_RGB32);
+        picture.fill(Qt::black);
+        for (int x = 0; x < size.width(); ++x)
+            picture.setPixel(x, 0, qRgb(255, 255, 255)), picture.setPixel(x, size.height() - 1, qRgb(255, 255, 255));
+        for (int y = 0; y < size.height(); ++y)
+            picture.setPixel(0, y, qRgb(255, 255, 255)), picture.setPixel(size.width() - 1, y, qRgb(255, 255, 255));
+        return picture;
+    };
+    const auto deliver = [&](const QImage &picture, const char *format) {
+        const SamplePtr frame = cameraFrame(picture, format, "bt601");
+        Intake intake(gst_sample_get_caps(frame.get()), largest);
+        const SamplePtr delivered = intake.deliver(frame);
+        return delivered ? imageFromSample(delivered.get()).copy() : QImage();
+    };
+    for (const QSize size : sizes) {
+        for (const char *format : formats) {
+            SCOPED_TRACE(testing::Message() << format << " " << size.width() << "x" << size.height());
+            for (const bool columns : {true, false}) {
+                const double ratio =
+                    columns ? double(size.width()) / largest.width() : double(size.height()) / largest.height();
+                const QImage fine = deliver(stripes(size, 2, columns), format);
+                ASSERT_EQ(fine.size(), largest);
+                const Levels fineLevels = levels(fine, fine.rect());
+                // Kept: the stripes themselves (0 and 255 back from studio-range YUV).
+                // Shrunk by 3:2 or more: grey, within a third of the black-to-white step of
+                // the mean. (Shrunk by less, as 5:4, a pixel's area still holds most of
+                // one stripe.)
+                const char *axis = columns ? "columns" : "rows";
+                if (ratio == 1) {
+                    EXPECT_GE(fineLevels.highest - fineLevels.lowest, 240) << axis;
+                } else if (ratio >= 1.5) {
+                    EXPECT_LE(fineLevels.highest - fineLevels.lowest, 100) << axis;
+                }
+                EXPECT_NEAR(fineLevels.mean, 127.5, 4) << axis;
+
+                const Levels third = levels(deliver(stripes(size, 3, columns), format), QRect(QPoint(), largest));
+                EXPECT_NEAR(third.mean, 85, 4) << axis << " every third";
+            }
+
+            // Each edge row and column weighs at least a third in the picture's edge row or
+            // column; the inside stays black.
+            const QImage framed = deliver(border(size), format);
+            ASSERT_EQ(framed.size(), largest);
+            const int w = largest.width(), h = largest.height();
+            for (const QRect edge :
+                 {QRect(0, 0, w, 1), QRect(0, h - 1, w, 1), QRect(0, 0, 1, h), QRect(w - 1, 0, 1, h)})
+                EXPECT_GE(levels(framed, edge).lowest, 80) << edge.x() << "," << edge.y();
+            EXPECT_LE(levels(framed, QRect(2, 2, w - 4, h - 4)).highest, 2);
         }
     }
 }

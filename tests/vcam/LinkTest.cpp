@@ -116,7 +116,9 @@ TEST_F(LinkTest, ConnectingFindsTheStreams)
     }
 }
 
-TEST_F(LinkTest, PicturesAreStretchedToTheFullFrameAndMirroredOnRequest)
+// Stretched smoothly: a larger picture's one-pixel stripes turn grey instead of into
+// wider stripes, and a picture of the frame's size goes out as it is.
+TEST_F(LinkTest, PicturesAreStretchedSmoothlyToTheFullFrameAndMirroredOnRequest)
 {
     // Every size takes the same scaler; a tiny one with an odd height shows rounding.
     connectStreaming(halves(8, 3));
@@ -124,11 +126,14 @@ TEST_F(LinkTest, PicturesAreStretchedToTheFullFrameAndMirroredOnRequest)
     ASSERT_TRUE(sim.queue->takeFrame());
     const QImage frame = sim.queue->lastFrame();
     ASSERT_EQ(frame.size(), QSize(1280, 720));
-    // Stretched, not letterboxed: the corners are painted and the halves meet mid-frame.
+    // Stretched, not letterboxed: the corners are painted and the halves meet mid-frame,
+    // blended where they meet.
     EXPECT_EQ(frame.pixel(0, 0), qRgb(255, 0, 0));
     EXPECT_EQ(frame.pixel(1279, 719), qRgb(0, 0, 255));
-    EXPECT_EQ(frame.pixel(630, 360), qRgb(255, 0, 0));
-    EXPECT_EQ(frame.pixel(650, 360), qRgb(0, 0, 255));
+    EXPECT_EQ(frame.pixel(400, 360), qRgb(255, 0, 0));
+    EXPECT_EQ(frame.pixel(880, 360), qRgb(0, 0, 255));
+    EXPECT_GT(qRed(frame.pixel(640, 360)), 64);
+    EXPECT_GT(qBlue(frame.pixel(640, 360)), 64);
     link().setMirrorCamera(true);
     link().setCurrentImage(halves(640, 480));
     link().fireTimer();
@@ -136,6 +141,27 @@ TEST_F(LinkTest, PicturesAreStretchedToTheFullFrameAndMirroredOnRequest)
     EXPECT_EQ(sim.queue->lastFrame().pixel(1279, 360), qRgb(255, 0, 0));
     EXPECT_EQ(sim.queue->lastFrame().pixel(0, 360), qRgb(0, 0, 255));
     EXPECT_GT(sim.queue->lastPresentationTimeNs(), 0);
+
+    link().setMirrorCamera(false);
+    QImage stripes(1920, 1080, QImage::Format_RGB32);
+    for (int x = 0; x < stripes.width(); ++x)
+        for (int y = 0; y < stripes.height(); ++y)
+            stripes.setPixel(x, y, x % 2 ? qRgb(255, 255, 255) : qRgb(0, 0, 0));
+    QImage fullSize = stripes.copy(0, 0, 1280, 720);
+    for (const QImage &picture : {stripes, fullSize}) {
+        link().setCurrentImage(picture);
+        link().fireTimer();
+        ASSERT_TRUE(sim.queue->takeFrame());
+        const QImage sent = sim.queue->lastFrame().convertToFormat(QImage::Format_RGB32);
+        int lowest = 255, highest = 0;
+        for (int x = 0; x < 1280; ++x)
+            lowest = std::min(lowest, qGreen(sent.pixel(x, 360))),
+            highest = std::max(highest, qGreen(sent.pixel(x, 360)));
+        if (picture.size() == sent.size())
+            EXPECT_EQ(sent, picture);
+        else
+            EXPECT_LE(highest - lowest, 140); // about half the stripes' contrast
+    }
 }
 
 // Nothing is sent without a reader or a picture; the first frame goes at once, the next
