@@ -1,6 +1,7 @@
 #include "bench/FrameLatency.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <gst/gst.h>

@@ -1,6 +1,5 @@
 #pragma once
 #include <QSize>
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
