@@ -8,6 +8,8 @@
 #include "vcam/VirtualCameraLink.h"
 #include "vcam/v4l2loopback/YuyvConversion.h"
 
+#include <cstring>
+
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QFile>
@@ -94,6 +96,10 @@ vcam::Status YuyvWritingQueue::enqueue(vcam::SampleBuffer sample)
     const vcam::PixelBuffer &pixels = *sample.imageBuffer;
     m_yuyv.resize(vcam::yuyvFrameBytes(pixels.width(), pixels.height())); // once: the size never changes
     m_toYuyv.convert(pixels, m_yuyv.data());
+    // The device writer's write() has the kernel copy the frame into the device's
+    // buffer: the app's work too.
+    m_device.resize(m_yuyv.size());
+    std::memcpy(m_device.data(), m_yuyv.data(), m_yuyv.size());
     return m_inner->enqueue(std::move(sample));
 }
 

@@ -45,8 +45,8 @@ private:
 };
 
 // The device writer's work, done where the frame is enqueued: each frame is converted
-// to YUYV (what the loopback sink's writer thread does before write()) and then handed
-// to the simulated extension's queue.
+// to YUYV and copied once, as the loopback sink's writer thread converts it and its
+// write() has the kernel copy it, and then handed to the simulated extension's queue.
 class YuyvWritingQueue final : public vcam::SimpleQueue
 {
 public:
@@ -60,6 +60,7 @@ public:
 private:
     std::shared_ptr<vcam::SimpleQueue> m_inner;
     std::vector<std::uint8_t> m_yuyv;
+    std::vector<std::uint8_t> m_device; // where the write's copy lands
     vcam::BgraToYuyvConverter m_toYuyv;
 };
 
@@ -78,8 +79,9 @@ public:
     bool deliverCameraFrame(GstBuffer *frame);
     // One frame tick; answers whether it enqueued a frame.
     bool tick();
-    // The consumer takes the oldest frame, which reopens the gate.
-    void consumeFrame() { m_extension.queue->takeFrame(); }
+    // The consumer takes the oldest frame, which reopens the gate; its reading is its own
+    // work, not the app's, so nothing is copied.
+    void consumeFrame() { m_extension.queue->takeFrame(test::SimulatedQueue::Keep::Nothing); }
     // Writes the last frame sent, as the device gets it (YUYV), to `path`.
     bool writeLastFrame(const QString &path) const;
 

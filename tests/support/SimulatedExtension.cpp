@@ -33,7 +33,7 @@ Status SimulatedQueue::enqueue(SampleBuffer sample)
     return 0;
 }
 
-bool SimulatedQueue::takeFrame()
+bool SimulatedQueue::takeFrame(Keep keep)
 {
     {
         std::lock_guard lock(m_mutex);
@@ -41,7 +41,7 @@ bool SimulatedQueue::takeFrame()
             return false;
         SampleBuffer sample = std::move(m_samples.front());
         m_samples.pop_front();
-        if (sample.imageBuffer)
+        if (sample.imageBuffer && keep == Keep::Frame)
             m_lastFrame = sample.imageBuffer->image().copy(); // the pool buffer goes back
         m_lastTime = sample.presentationTimeNs;
         ++m_taken;

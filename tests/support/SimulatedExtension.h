@@ -28,8 +28,11 @@ public:
     int capacity() const override { return m_capacity; }
     vcam::Status enqueue(vcam::SampleBuffer sample) override;
 
-    // Takes the oldest frame if any; answers whether there was one.
-    bool takeFrame();
+    // Takes the oldest frame if any; answers whether there was one. A frame kept is
+    // copied for lastFrame(); a reader that only makes room (a benchmark's, whose copy is
+    // not the app's work) keeps none.
+    enum class Keep { Frame, Nothing };
+    bool takeFrame(Keep keep = Keep::Frame);
     // Calls the queue-altered callback without taking a frame, as a consumer may.
     void alter() { m_queueAltered(); }
     void startReader(std::chrono::milliseconds interval);
