@@ -245,7 +245,8 @@ void registerBenchmarks()
     }
 }
 
-// --raw-frame=FORMAT:WIDTHxHEIGHT:PATH (FORMAT YUY2, NV12 or I420), repeatable, and
+// --raw-frame=FORMAT:WIDTHxHEIGHT:PATH (FORMAT YUY2, NV12, I420 or MJPEG; for MJPEG the
+// file's first JPEG), repeatable, and
 // --output-frame=PATH (FramePath writes its last 1280x720 YUYV output frame there).
 // Answers false, after saying why, for an argument it cannot use.
 bool takeRawFrameArguments(int &argc, char **argv)
@@ -275,7 +276,8 @@ bool takeRawFrameArguments(int &argc, char **argv)
         if (!sample) {
             fprintf(stderr,
                     "vistrel_bench: cannot use %s (want FORMAT:WIDTHxHEIGHT:PATH with a raw YUY2, NV12 or I420 "
-                    "file of at least one frame, in one of the benchmarked sizes)\n",
+                    "file of at least one frame, or an MJPEG file starting with a whole JPEG, in one of the "
+                    "benchmarked sizes)\n",
                     argument.constData());
             return false;
         }

@@ -5,6 +5,7 @@
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 #include <gst/video/video.h>
+#include <optional>
 
 namespace vistrel::bench {
 namespace {
@@ -84,6 +85,79 @@ SamplePtr adoptSample(GstSample *sample)
     return sample ? SamplePtr(sample, gst_sample_unref) : nullptr;
 }
 
+struct JpegImage
+{
+    qsizetype bytes = 0; // from its start of image to its end of image, both included
+    int width = 0;
+    int height = 0;
+};
+
+// The first JPEG at the start of `data`, found by walking its segments: the entropy-coded
+// data after a start of scan runs to the next marker that is neither a stuffed 0xFF nor a
+// restart. Nothing when the data does not start with a whole JPEG.
+std::optional<JpegImage> firstJpeg(const uchar *data, qsizetype size)
+{
+    if (size < 4 || data[0] != 0xFF || data[1] != 0xD8)
+        return std::nullopt;
+    JpegImage image;
+    qsizetype at = 2;
+    while (at + 2 <= size) {
+        if (data[at] != 0xFF)
+            return std::nullopt;
+        const uchar marker = data[at + 1];
+        if (marker == 0xFF) { // fill byte before a marker
+            ++at;
+            continue;
+        }
+        if (marker == 0xD9) { // end of image
+            image.bytes = at + 2;
+            return image.width > 0 && image.height > 0 ? std::optional(image) : std::nullopt;
+        }
+        if (at + 4 > size)
+            return std::nullopt;
+        const qsizetype length = data[at + 2] << 8 | data[at + 3];
+        if (length < 2 || at + 2 + length > size)
+            return std::nullopt;
+        // A start of frame (C0-CF but for DHT C4, JPG C8 and DAC CC) gives the size.
+        if (marker >= 0xC0 && marker <= 0xCF && marker != 0xC4 && marker != 0xC8 && marker != 0xCC) {
+            if (length < 8)
+                return std::nullopt;
+            image.height = data[at + 5] << 8 | data[at + 6];
+            image.width = data[at + 7] << 8 | data[at + 8];
+        }
+        at += 2 + length;
+        if (marker == 0xDA) { // start of scan
+            while (at + 1 < size
+                   && !(data[at] == 0xFF && data[at + 1] != 0x00 && (data[at + 1] < 0xD0 || data[at + 1] > 0xD7)))
+                ++at;
+        }
+    }
+    return std::nullopt;
+}
+
+// What a UVC camera's MJPEG source hands over: one whole JPEG per buffer, image/jpeg caps
+// with the size and rate. The JPEG itself says it is full-range BT.601 (JFIF).
+SamplePtr readJpegFrame(const QString &path, const FrameKind &kind)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return nullptr;
+    const uchar *data = file.size() > 0 ? file.map(0, file.size()) : nullptr;
+    if (!data)
+        return nullptr;
+    const std::optional<JpegImage> image = firstJpeg(data, file.size());
+    if (!image || image->width != kind.width || image->height != kind.height)
+        return nullptr;
+    GstBuffer *buffer = gst_buffer_new_memdup(data, static_cast<gsize>(image->bytes));
+    GstCaps *caps = gst_caps_new_simple("image/jpeg", "width", G_TYPE_INT, kind.width, "height", G_TYPE_INT,
+                                        kind.height, "framerate", GST_TYPE_FRACTION, 30, 1, "pixel-aspect-ratio",
+                                        GST_TYPE_FRACTION, 1, 1, nullptr);
+    SamplePtr sample = adoptSample(gst_sample_new(buffer, caps, nullptr, nullptr));
+    gst_buffer_unref(buffer);
+    gst_caps_unref(caps);
+    return sample;
+}
+
 } // namespace
 
 const char *formatName(CameraFormat format)
@@ -126,7 +200,7 @@ SamplePtr makeCameraSample(const FrameKind &kind)
 SamplePtr readRawFrame(const QString &path, const FrameKind &kind)
 {
     if (kind.format == CameraFormat::MJPEG)
-        return nullptr;
+        return readJpegFrame(path, kind);
     GstVideoInfo info;
     gst_video_info_set_format(&info, gst_video_format_from_string(rawFormat(kind.format)),
                               static_cast<guint>(kind.width), static_cast<guint>(kind.height));

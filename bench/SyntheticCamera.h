@@ -31,8 +31,11 @@ using SamplePtr = std::shared_ptr<GstSample>;
 // for MJPEG): the buffer and caps a camera source would hand to the intake.
 SamplePtr makeCameraSample(const FrameKind &kind);
 
-// The first frame of a raw video file (packed planes, no row padding, as ffmpeg's
-// rawvideo writes it). Null when the file is too short or the format is not raw.
+// The first frame of a video file, as the camera would hand it over: for the raw formats
+// the frame's planes packed with no row padding (as ffmpeg's rawvideo writes them), for
+// MJPEG a stream of whole JPEGs one after the other (as ffmpeg's mjpeg muxer or `cat`
+// writes it), of which the first is taken. Null when the file holds no such frame of the
+// kind's size.
 SamplePtr readRawFrame(const QString &path, const FrameKind &kind);
 
 // A camera device whose source element is made from a gst-launch description, the way
