@@ -248,26 +248,30 @@ PictureConverter::Planes PictureConverter::blendedRow(const Planes &frame, int r
     auto *first = m_blended.data();
     auto *u = first + m_sourceRow.first;
     auto *v = u + m_sourceRow.chroma;
-    const auto blend = [this](const std::uint8_t *plane, int stride, int planeRow, std::uint8_t *out, int bytes) {
-        const RowSpan span = sourceRows(m_heightRatio, planeRow);
-        const std::uint8_t *rows[3] = {};
-        for (int i = 0; i < span.count; ++i)
-            rows[i] = plane + static_cast<std::ptrdiff_t>(span.first + i) * stride;
-        blendRows(m_heightRatio, planeRow, rows, out, bytes);
+    const int height = GST_VIDEO_INFO_HEIGHT(&m_in);
+    const int chromaHeight = frame.chromaHalfHeight ? (height + 1) / 2 : height;
+    const auto blend = [this](ShrinkKernel kernel, const std::uint8_t *plane, int stride, int planeHeight, int planeRow,
+                              std::uint8_t *out, int bytes) {
+        const RowSpan span = sourceRows(m_heightRatio, kernel, planeRow);
+        const std::uint8_t *rows[kMostSourceRows] = {};
+        for (int i = 0; i < span.count; ++i) // the edge rows stand for those beyond them
+            rows[i] = plane + static_cast<std::ptrdiff_t>(std::clamp(span.first + i, 0, planeHeight - 1)) * stride;
+        blendRows(m_heightRatio, kernel, planeRow, rows, out, bytes);
     };
-    blend(frame.y, frame.yStride, row, first, m_sourceRow.first);
+    // A packed row holds chroma too: it all takes the luma's kernel.
+    blend(ShrinkKernel::Bicubic, frame.y, frame.yStride, height, row, first, m_sourceRow.first);
     blended.y = first;
     // A 4:2:0 chroma row serves two rows: the second finds it blended already.
     const bool chromaBlended = frame.chromaHalfHeight && row % 2 == 1;
     const int chromaRow = frame.chromaHalfHeight ? row / 2 : row;
     if (frame.u) {
         if (!chromaBlended)
-            blend(frame.u, frame.uStride, chromaRow, u, m_sourceRow.chroma);
+            blend(ShrinkKernel::Mean, frame.u, frame.uStride, chromaHeight, chromaRow, u, m_sourceRow.chroma);
         blended.u = u;
     }
     if (frame.v) {
         if (!chromaBlended)
-            blend(frame.v, frame.vStride, chromaRow, v, m_sourceRow.chroma);
+            blend(ShrinkKernel::Mean, frame.v, frame.vStride, chromaHeight, chromaRow, v, m_sourceRow.chroma);
         blended.v = v;
     }
     // The strides are never stepped: a blended row is converted alone.
@@ -301,15 +305,18 @@ PictureConverter::Planes PictureConverter::shrunkRow(const Planes &row, GstVideo
     }
     default: break;
     }
+    const bool fullChroma = format == GST_VIDEO_FORMAT_Y444;
+    const int sourceWidth = GST_VIDEO_INFO_WIDTH(&m_in);
+    const int sourceChromaWidth = fullChroma ? sourceWidth : (sourceWidth + 1) / 2;
     const int width = GST_VIDEO_INFO_WIDTH(&m_picture);
-    const int chromaWidth = format == GST_VIDEO_FORMAT_Y444 ? width : (width + 1) / 2;
+    const int chromaWidth = fullChroma ? width : (width + 1) / 2;
     Planes shrunk = source;
     auto *y = m_shrunk.data();
     auto *u = y + width;
     auto *v = u + chromaWidth;
-    shrinkColumns(m_widthRatio, source.y, y, width);
-    shrinkColumns(m_widthRatio, source.u, u, chromaWidth);
-    shrinkColumns(m_widthRatio, source.v, v, chromaWidth);
+    shrinkColumns(m_widthRatio, ShrinkKernel::Bicubic, source.y, sourceWidth, y, width);
+    shrinkColumns(m_widthRatio, ShrinkKernel::Mean, source.u, sourceChromaWidth, u, chromaWidth);
+    shrinkColumns(m_widthRatio, ShrinkKernel::Mean, source.v, sourceChromaWidth, v, chromaWidth);
     shrunk.y = y;
     shrunk.u = u;
     shrunk.v = v;

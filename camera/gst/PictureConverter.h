@@ -1,5 +1,5 @@
 #pragma once
-#include "camera/gst/AreaShrink.h"
+#include "camera/gst/ShrinkFilter.h"
 
 #include <QSize>
 #include <cstdint>
@@ -17,13 +17,13 @@ namespace vistrel::camera {
 // released, so a frame costs no pixel allocation. Used by one streaming thread
 // at a time.
 //
-// A frame larger than the largest picture wanted is shrunk as it is converted, by
-// area (each picture pixel is the mean of the camera pixels it covers), so stripes,
-// text and edges stay smooth instead of aliasing. At the common ratios (1920x1080,
-// 2560x1440 and 3840x2160 to 1280x720) this is done a row at a time on the YUV
-// planes: the row is blended from its source rows, its columns shrunk, and the
-// small row converted while it is still in cache; the large frame is never written
-// out whole. At other ratios libyuv's box filter shrinks the planes whole first.
+// A frame larger than the largest picture wanted is shrunk as it is converted, with a
+// filter, so stripes, text and edges stay smooth instead of aliasing. At the common
+// ratios (1920x1080, 2560x1440 and 3840x2160 to 1280x720) this is done a row at a time
+// on the YUV planes (see ShrinkFilter.h): the row is blended from its source rows, its
+// columns shrunk, and the small row converted while it is still in cache; the large
+// frame is never written out whole. At other ratios libyuv's box filter (bilinear
+// where it shrinks by less than half) shrinks the planes whole first.
 //
 // BT.601 (what USB cameras and JPEG use) goes through libyuv. libyuv's BT.709
 // and BT.2020 tables clip strong blues by up to 16 levels, so frames in those
