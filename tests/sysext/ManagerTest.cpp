@@ -146,7 +146,7 @@ TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
         {"helper silent", [&] { pkexec("exit 0"); }, failed(sysext::UnknownError), 1},
         {"module missing", [&] { QFile::remove(machine->path("kernel/version")); }, failed(sysext::ModuleNotInstalled),
          1},
-        {"key rejected", [&] { machine->rejectModuleKey(); }, "approval", 1},
+        {"key rejected", [&] { machine->refuseModule("Key was rejected by service"); }, "approval", 1},
         // The app is not installed: no password prompt.
         {"helper missing", [&] { config.helperPath = machine->path("app/none"); }, notInstalled, 0},
         {"helper writable by others",
