@@ -63,9 +63,17 @@ std::string firstItem(const std::string &value)
     return value.substr(0, value.find(','));
 }
 
+// The kernel refuses a module whose signing key it does not trust with EKEYREJECTED when
+// signatures are enforced, and while locked down (as Secure Boot makes it) with EPERM, or
+// ENOKEY on older kernels. Those two also have other causes, so they count only in lockdown.
 bool keyRejected(const std::string &output)
 {
-    return output.find("Key was rejected by service") != std::string::npos
+    return output.find("Key was rejected by service") != std::string::npos;
+}
+
+bool refusedUnsigned(const std::string &output)
+{
+    return output.find("Operation not permitted") != std::string::npos
         || output.find("Required key not available") != std::string::npos;
 }
 
@@ -83,6 +91,7 @@ InstallerPaths InstallerPaths::forSystem(const std::string &executablePath)
     paths.modulesLoadDir = "/etc/modules-load.d";
     paths.sysDir = "/sys";
     paths.lockFile = "/run/vistrel-camera-extension.lock";
+    paths.lockdownFile = "/sys/kernel/security/lockdown";
     paths.modprobe = firstExecutable({"/usr/sbin/modprobe", "/sbin/modprobe"});
     paths.modinfo = firstExecutable({"/usr/sbin/modinfo", "/sbin/modinfo"});
     paths.loopbackCtl = firstExecutable({"/usr/bin/v4l2loopback-ctl", "/bin/v4l2loopback-ctl"});
@@ -98,6 +107,7 @@ InstallerPaths InstallerPaths::underRoot(const std::string &root, uid_t owner)
     paths.modulesLoadDir = root + "/etc/modules-load.d";
     paths.sysDir = root + "/sys";
     paths.lockFile = root + "/run/vistrel-camera-extension.lock";
+    paths.lockdownFile = root + "/sys/kernel/security/lockdown";
     const auto tool = [&](const std::string &path) { return isExecutable(path) ? path : std::string{}; };
     paths.modprobe = tool(root + "/sbin/modprobe");
     paths.modinfo = tool(root + "/sbin/modinfo");
@@ -245,9 +255,27 @@ Outcome ExtensionInstaller::loadModule()
         return Outcome::completed();
     if (keyRejected(result.output))
         return Outcome::needsApproval(oneLine(result.output));
+    if (refusedUnsigned(result.output)) {
+        if (const std::string mode = lockdownMode(); !mode.empty())
+            return Outcome::needsApproval("the kernel is locked down (" + mode
+                                          + ") and loads v4l2loopback once its signing key is enrolled: "
+                                          + oneLine(result.output));
+    }
     if (!result.started)
         return Outcome::failed(1, "cannot run " + m_paths.modprobe);
     return Outcome::failed(1, "modprobe v4l2loopback failed: " + oneLine(result.output));
+}
+
+std::string ExtensionInstaller::lockdownMode() const
+{
+    // "none [integrity] confidentiality": the mode in force is in brackets.
+    const std::string modes = readSmall(m_paths.lockdownFile);
+    const auto open = modes.find('[');
+    const auto close = modes.find(']', open);
+    if (open == std::string::npos || close == std::string::npos)
+        return {};
+    const std::string mode = modes.substr(open + 1, close - open - 1);
+    return mode == "integrity" || mode == "confidentiality" ? mode : std::string{};
 }
 
 Outcome ExtensionInstaller::loadIntoRunningKernel(const BundledExtension &bundled, const ModuleState &state)

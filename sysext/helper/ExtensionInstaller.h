@@ -18,6 +18,7 @@ struct InstallerPaths
     std::string modulesLoadDir; // /etc/modules-load.d
     std::string sysDir;         // /sys
     std::string lockFile;       // /run/vistrel-camera-extension.lock: one run at a time
+    std::string lockdownFile;   // /sys/kernel/security/lockdown: Secure Boot's module rule
     std::string modprobe;       // absolute paths of the tools; empty when absent
     std::string modinfo;
     std::string loopbackCtl;
@@ -85,6 +86,8 @@ private:
                                Outcome &failure) const;
     Outcome loadIntoRunningKernel(const BundledExtension &bundled, const ModuleState &state);
     Outcome loadModule();
+    // "integrity" or "confidentiality" while the kernel is locked down; empty otherwise.
+    std::string lockdownMode() const;
     std::string moduleVersionFromModinfo() const;
     bool moduleIsInstalled() const;
 

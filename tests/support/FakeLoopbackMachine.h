@@ -48,7 +48,7 @@ if [ "$1" = "-r" ]; then
   exit 0
 fi
 [ -f "$R/kernel/version" ] || { echo "modprobe: FATAL: Module v4l2loopback not found in directory /lib/modules/6.1.0" >&2; exit 1; }
-[ -f "$R/kernel/key-rejected" ] && { echo "modprobe: ERROR: could not insert 'v4l2loopback': Key was rejected by service" >&2; exit 1; }
+[ -f "$R/kernel/refused" ] && { echo "modprobe: ERROR: could not insert 'v4l2loopback': $(cat "$R/kernel/refused")" >&2; exit 1; }
 [ -d "$M" ] && exit 0
 label=$(cat "$R"/etc/modprobe.d/*.conf 2>/dev/null | sed -n 's/^options v4l2loopback .*card_label=\([^ ]*\).*/\1/p' | head -1)
 mkdir -p "$M" && cp "$R/kernel/version" "$M/version" && echo 0 > "$M/refcnt"
@@ -85,7 +85,13 @@ esac
     // The module is installed on disk (modinfo and modprobe find it) in this version;
     // an empty version is a module without one, as Debian 12's 0.12.7 is built.
     void installModule(const QString &version) { write(QStringLiteral("kernel/version"), version + QLatin1Char('\n')); }
-    void rejectModuleKey() { write(QStringLiteral("kernel/key-rejected"), {}); }
+    // The kernel refuses to load the module with this error ("Key was rejected by service").
+    void refuseModule(const QString &error) { write(QStringLiteral("kernel/refused"), error); }
+    // What /sys/kernel/security/lockdown shows, the mode in force in brackets.
+    void setLockdown(const QString &modes)
+    {
+        write(QStringLiteral("sys/kernel/security/lockdown"), modes + QLatin1Char('\n'));
+    }
     // The module is loaded already, with one loopback device of this name.
     void loadModule(const QString &version, const QString &deviceName, int useCount = 0)
     {

@@ -100,7 +100,7 @@ TEST_F(HelperProcessTest, TheActivationOutcomeFollowsTheStateOfTheModule)
         {"key rejected",
          [](Machine &m) {
              m.installModule("0.12.7");
-             m.rejectModuleKey();
+             m.refuseModule("Key was rejected by service");
          },
          "outcome needs-approval", true, nullptr},
         {"0.12.7 loaded, idle", loaded("0.12.7", 0), "outcome completed", true, "modprobe -r v4l2loopback"},
@@ -117,6 +117,41 @@ TEST_F(HelperProcessTest, TheActivationOutcomeFollowsTheStateOfTheModule)
         EXPECT_EQ(QFileInfo::exists(m.modprobeFile()), c.record);
         EXPECT_EQ(m.toolLog().filter(c.tool ? c.tool : "-r").size(), c.tool ? 1 : 0)
             << m.toolLog().join('|').toStdString();
+    }
+}
+
+// Under Secure Boot the kernel is locked down and refuses a module signed by a key it
+// does not know; enrolling the key at the next boot is the way out. Any other refusal
+// is an ordinary failure that carries modprobe's reason.
+TEST_F(HelperProcessTest, AModuleTheKernelRefusesNeedsApprovalOnlyWhenItsSigningKeyIsTheReason)
+{
+    struct Case
+    {
+        const char *error;    // modprobe's reason
+        const char *lockdown; // /sys/kernel/security/lockdown; null: no such file
+        bool needsApproval;
+    };
+    const Case cases[] = {
+        {"Key was rejected by service", "[none] integrity confidentiality", true},
+        {"Operation not permitted", "none [integrity] confidentiality", true},
+        {"Required key not available", "none integrity [confidentiality]", true},
+        {"Operation not permitted", "[none] integrity confidentiality", false},
+        {"Required key not available", nullptr, false},
+        {"Invalid argument", "none [integrity] confidentiality", false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.error) + ", lockdown " + (c.lockdown ? c.lockdown : "absent"));
+        FakeLoopbackMachine m;
+        m.installModule("0.12.7");
+        m.refuseModule(c.error);
+        if (c.lockdown)
+            m.setLockdown(c.lockdown);
+        const QString out = ::helper(m, "activate");
+        if (c.needsApproval)
+            EXPECT_EQ(out, "outcome needs-approval");
+        else
+            EXPECT_TRUE(out.startsWith("outcome failed 1 ") && out.endsWith(QString(": ") + c.error))
+                << out.toStdString();
     }
 }
 

@@ -4,6 +4,9 @@
 #include "sysext/HelperExtensionManager.h"
 
 #include "FakeLoopbackMachine.h"
+#include "TestServices.h"
+#include "app/AppDelegate.h"
+#include "sysext/CameraExtensionHelper.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -146,7 +149,7 @@ TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
         {"helper silent", [&] { pkexec("exit 0"); }, failed(sysext::UnknownError), 1},
         {"module missing", [&] { QFile::remove(machine->path("kernel/version")); }, failed(sysext::ModuleNotInstalled),
          1},
-        {"key rejected", [&] { machine->rejectModuleKey(); }, "approval", 1},
+        {"key rejected", [&] { machine->refuseModule("Key was rejected by service"); }, "approval", 1},
         // The app is not installed: no password prompt.
         {"helper missing", [&] { config.helperPath = machine->path("app/none"); }, notInstalled, 0},
         {"helper writable by others",
@@ -185,4 +188,31 @@ TEST_F(ManagerTest, RequestsSubmittedTogetherTakeTurnsSoALaterOneSeesWhatAnEarli
     EXPECT_EQ(submitTwo(Kind::Deactivation, Kind::Activation), (QStringList{"finished 0", "finished 0"}));
     EXPECT_EQ(pkexecRuns(), 3);
     EXPECT_TRUE(QFileInfo::exists(machine->modprobeFile()) && QFileInfo::exists(machine->modulesLoadFile()));
+}
+
+// Onboarding's request with the application delegate answering, on a machine whose kernel
+// is locked down by Secure Boot and refuses the module: the user is told to approve its key
+// at the next restart, and the help page that shows how is one button away.
+TEST_F(ManagerTest, ASecureBootRefusalReachesTheUserAsTheApprovalAlert)
+{
+    machine->setLockdown("none [integrity] confidentiality");
+    machine->refuseModule("Operation not permitted");
+    test::TestServices env;
+    AppDelegate delegate(env.services);
+    sysext::HelperExtensionManager manager(config);
+    manager.submitRequest({sysext::RequestKind::Activation, kId, sysext::delegateFor(&delegate)});
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !env.alerts.shown.empty(); }, 20000));
+    QTest::qWait(20); // nothing else follows
+    ASSERT_EQ(env.alerts.shown.size(), 1);
+    const AlertSpec &alert = env.alerts.shown[0];
+    EXPECT_EQ(alert.title, "Approval Required");
+    EXPECT_EQ(alert.text,
+              "Please allow Vistrel to install the camera extension: enter your password when asked, and approve its "
+              "signing key at the next restart if your computer uses Secure Boot.\n\nYou may need to restart Vistrel "
+              "after approving.");
+    EXPECT_EQ(alert.buttons, (QStringList{"Open Camera Help", "Close"}));
+    EXPECT_EQ(env.urlOpener.opened,
+              QList<QUrl>{sysext::CameraExtensionHelper::extensionSettingsUrl(env.services.bundle)});
+    EXPECT_FALSE(env.defaults->boolForKey("extensionInstalled")) << "not installed until the key is enrolled";
+    EXPECT_EQ(env.launcher.programs.size() + env.application.terminateCalls, 0) << "no relaunch, no quit";
 }

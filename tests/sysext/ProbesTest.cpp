@@ -73,6 +73,11 @@ TEST(ExtensionProbesTest, SettingsOpenTheHelpPageOfTheInstallation)
     const QString page = VISTREL_BINARY_DIR "/share/doc/vistrel/camera-extension.html";
     EXPECT_EQ(opener.opened, QList<QUrl>{QUrl::fromLocalFile(page)});
     EXPECT_TRUE(QFileInfo(page).isFile()) << "staged with the build";
+    // The approval alert sends Secure Boot users here: each distribution's module key has its command.
+    const QString text = QString::fromUtf8(test::readFile(page));
+    for (const char *key :
+         {"/var/lib/dkms/mok.pub", "/var/lib/shim-signed/mok/MOK.der", "/etc/pki/akmods/certs/public_key.der"})
+        EXPECT_TRUE(text.contains(QString("<code>sudo mokutil --import ") + key + "</code>")) << key;
 }
 
 // The machine's share/vistrel holds the bundled extension, app.vistrel.Vistrel.cameraextension.
