@@ -47,8 +47,8 @@ void AppDelegate::requestDidFailWithError(const sysext::ExtensionRequestError &e
     QString text;
     if (error.domain == sysext::kSystemExtensionErrorDomain && error.code == sysext::UnsupportedParentBundleLocation) {
         text = QStringLiteral("Vistrel cannot install the camera extension unless the app is installed on this "
-                              "computer.\n\nQuit Vistrel, install it (for example with “sudo cmake --install "
-                              "build”), then reopen it.");
+                              "computer.\n\nQuit Vistrel, install its package (for example “sudo apt install "
+                              "./vistrel_1.0_amd64.deb”), then reopen it.");
     } else {
         text = QStringLiteral("The camera extension could not be installed.\n\nPlease make sure the v4l2loopback "
                               "kernel module is installed (Camera Help shows how) and allow Vistrel to set it up "

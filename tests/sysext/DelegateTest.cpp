@@ -124,7 +124,8 @@ TEST_F(DelegateTest, TheAppDelegateTracesAndExplainsEachAnswerThenRelaunchesOrQu
     EXPECT_EQ(
         shown(env.alerts.shown[1]),
         "Installation Failed | Vistrel cannot install the camera extension unless the app is installed on this "
-        "computer.\n\nQuit Vistrel, install it (for example with “sudo cmake --install build”), then reopen it. | "
+        "computer.\n\nQuit Vistrel, install its package (for example “sudo apt install ./vistrel_1.0_amd64.deb”), then "
+        "reopen it. | "
         "Open Camera Help, Close | warning");
     EXPECT_EQ(shown(env.alerts.shown[2]),
               "Installation Failed | The camera extension could not be installed.\n\nPlease make sure the v4l2loopback "
