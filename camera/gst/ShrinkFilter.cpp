@@ -176,11 +176,10 @@ void blendOutput(const std::uint8_t *const *rows, std::uint8_t *out, int bytes)
 
 // --- 3:2 with AVX2 ---------------------------------------------------------------
 //
-// Six taps a sample take the general loops above to scalar-like speed, so 3:2 has its
-// own: rows are blended with pmaddubsw (pixel pairs times weight pairs, summed in 16
-// bits), and a row's columns become the same blend once the row is split into its three
-// phases (every third sample from the first, the second and the third): each output
-// then weighs six phase samples at fixed offsets, read contiguously.
+// The general loops above run six taps, or a division by three, at scalar-like speed,
+// so 3:2 has its own: rows are blended with pmaddubsw (pixel pairs times weight pairs,
+// summed in 16 bits), and a row's columns are gathered into tap pairs by byte shuffles
+// and weighed the same way. Both give the general loops' bytes exactly.
 
 using Weights6 = std::array<std::int8_t, 6>;
 constexpr Weights6 weights32(int k)
