@@ -45,12 +45,15 @@ private:
 };
 
 // The device writer's work, done where the frame is enqueued: each frame is converted
-// to YUYV and copied once, as the loopback sink's writer thread converts it and its
-// write() has the kernel copy it, and then handed to the simulated extension's queue.
+// to YUYV and written once, as the loopback sink's writer thread converts it and write()s
+// it, and then handed to the simulated extension's queue.
 class YuyvWritingQueue final : public vcam::SimpleQueue
 {
 public:
     explicit YuyvWritingQueue(std::shared_ptr<vcam::SimpleQueue> inner);
+    ~YuyvWritingQueue() override;
+    YuyvWritingQueue(const YuyvWritingQueue &) = delete;
+    YuyvWritingQueue &operator=(const YuyvWritingQueue &) = delete;
     int count() const override { return m_inner->count(); }
     int capacity() const override { return m_inner->capacity(); }
     vcam::Status enqueue(vcam::SampleBuffer sample) override;
@@ -60,7 +63,7 @@ public:
 private:
     std::shared_ptr<vcam::SimpleQueue> m_inner;
     std::vector<std::uint8_t> m_yuyv;
-    std::vector<std::uint8_t> m_device; // where the write's copy lands
+    int m_device = -1; // a memory file standing for the device
     vcam::BgraToYuyvConverter m_toYuyv;
 };
 
