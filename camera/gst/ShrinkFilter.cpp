@@ -15,8 +15,9 @@ namespace {
 // up to `total`.
 
 // The bicubic's weights at output centres 0.25 and 1.75 input samples into the group,
-// scaled to 64 and rounded so that each row adds up to 64 and every input weighs 2/3
-// over the outputs, as in a plain area mean.
+// scaled to 64 and rounded so that each row adds up to 64 and the inputs weigh 42, 44
+// and 42 of the 128 over the two outputs: within 1 % of a plain area mean's 2/3 each
+// (an exact third needs weights in 96ths, and a division the shift avoids).
 struct Bicubic32
 {
     static constexpr int from = 3, to = 2, taps = 6, total = 64;
