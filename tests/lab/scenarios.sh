@@ -1,6 +1,7 @@
 # Vistrel end-to-end scenarios, run inside the lab guest by guest-init.sh (bash, as root).
 # vivid (a real V4L2 camera driver) -> Vistrel (its Debian package) -> v4l2loopback
-# /dev/video10 -> real readers (ffmpeg, v4l2-ctl). Every assertion is on frames a reader got.
+# /dev/video10 -> real readers (ffmpeg, v4l2-ctl). Every assertion on the picture is on frames a
+# reader got. The set-up scenarios at the end run Vistrel as an ordinary user through onboarding.
 # Each test prints "LAB-TEST: <name> PASS|FAIL|SKIP <seconds> <summary>"; notes start "LAB:".
 
 LB_NR=10
@@ -541,12 +542,19 @@ loopback_names() { local n; for n in /sys/class/video4linux/*/name; do
 # The module as a machine has it before set-up: loaded by hand with its defaults (one device
 # not named Vistrel), so the helper adds the camera (0.13+) or reloads the module (0.12).
 # SETUP_LOADER holds the command that loads this session's build.
+# The main-path scenarios leave the extension installed (Vistrel, run there by root, asks for
+# it at launch and pkexec lets root through): the helper removes it first.
 setup_prepare() {
   stop_user_app
-  unload_loopback
   rm -f "$POLKIT_RULE"
+  if [ -n "$(helper_files)" ]; then
+    note "installed by an earlier run: $(helper_files | tr '\n' ' '); helper deactivate"
+    "$HELPER" deactivate "$EXTENSION_ID" >/dev/null 2>&1
+  fi
+  unload_loopback
   $SETUP_LOADER 2>/tmp/load.err || { note "loading v4l2loopback failed: $(cat /tmp/load.err)"; return 1; }
   wait_for 10 eval '[ -n "$(loopback_names)" ]'
+  note "v4l2loopback $(cat /sys/module/v4l2loopback/version 2>/dev/null || modinfo -F version v4l2loopback 2>/dev/null): $(loopback_names); configuration: $(helper_files | tr '\n' ' ')"
   [ -z "$(vistrel_nodes)" ] && [ -z "$(helper_files)" ]
 }
 # The set-up window up to the system's answer: the extension row's "Grant Access" (the camera
