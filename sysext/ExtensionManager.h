@@ -11,9 +11,9 @@ enum ExtensionErrorCode : int {
     UnknownError = 1,
     UnsupportedParentBundleLocation = 3, // not installed on this computer (build tree, helper or policy missing)
     ModuleNotInstalled = 4,              // the v4l2loopback kernel module is missing
-    ForbiddenBySystemPolicy = 10,
-    RequestCanceled = 11, // the password prompt was dismissed
-    AuthorizationRequired = 13,
+    ForbiddenBySystemPolicy = 10,        // polkit said no (pkexec: "Not authorized")
+    RequestCanceled = 11,                // the password prompt was dismissed
+    AuthorizationRequired = 13,          // polkit could not ask: no authentication agent
 };
 
 // What a finished request reports.

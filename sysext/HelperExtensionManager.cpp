@@ -14,6 +14,8 @@ namespace {
 
 constexpr int kPkexecDismissed = 126;
 constexpr int kPkexecNotAuthorized = 127;
+// What pkexec says when polkit's answer is no, rather than "No authentication agent found."
+constexpr const char *kPkexecRefused = "Not authorized";
 
 QString installedFilePath(const QString &dir, const QString &identifier)
 {
@@ -222,7 +224,10 @@ void HelperExtensionManager::helperFinished(const ExtensionRequest &request, QPr
     } else if (process->exitStatus() == QProcess::NormalExit && process->exitCode() == kPkexecDismissed) {
         fail(request, RequestCanceled, QStringLiteral("The password prompt was dismissed."));
     } else if (process->exitStatus() == QProcess::NormalExit && process->exitCode() == kPkexecNotAuthorized) {
-        fail(request, AuthorizationRequired,
+        // pkexec ends so both when polkit says no (a rule of the administrator's, or the
+        // action's own default) and when it could not ask: no authentication agent runs.
+        const bool refused = errors.contains(QLatin1String(kPkexecRefused));
+        fail(request, refused ? ForbiddenBySystemPolicy : AuthorizationRequired,
              QStringLiteral("Vistrel is not authorised to set up the camera extension")
                  + (errors.isEmpty() ? QStringLiteral(".") : QStringLiteral(": ") + errors));
     } else {

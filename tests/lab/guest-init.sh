@@ -31,6 +31,7 @@ export ONLY ACCEL
 
 finish() {
   stop_app
+  stop_user_app
   if dmesg | grep -qE 'WARNING:|BUG:|Oops'; then
     echo "LAB: kernel warnings during the run (first lines):"
     dmesg | grep -m5 -E 'WARNING:|BUG:|Oops' | sed 's/^/LAB:   dmesg: /'
@@ -50,6 +51,23 @@ echo "LAB: vivid camera at ${VIVID:-none}; $(v4l2-ctl -d "$VIVID" --get-fmt-vide
 echo "LAB: GStreamer's device monitor lists: $(timeout 60 gst-device-monitor-1.0 Video/Source 2>&1 | grep -E 'name  *:|class  *:|device.path' | sed 's/^[ \t]*//' | tr '\n' ';')"
 # vivid's test pattern moves (and its overlay text counts frames), so live frames always differ
 v4l2-ctl -d "$VIVID" -c horizontal_movement=5 2>/dev/null
+
+# Set-up as an ordinary user, refused and then granted by polkit, against one build: $1 label,
+# $2 "yes" when the helper adds the camera to the loaded module (0.13+) rather than reloading it,
+# $3 that release's v4l2loopback-ctl (or ""), $4.. the loader. The Vistrel package's purge
+# follows the last one.
+setup_session() {
+  local label=$1 add=$2 ctl=$3; shift 3
+  echo "LAB: ================ set-up with v4l2loopback $label ================"
+  [ -n "$ctl" ] && mount --bind "$ctl" /usr/bin/v4l2loopback-ctl
+  SETUP_LOADER="$*" ADD_PATH=$add
+  run_test "setup-refused[$label]" test_setup_refused
+  run_test "setup[$label]" test_setup_granted
+  [ "${PURGE:-}" = yes ] && run_test "purge[$label]" test_purge
+  setup_cleanup
+  [ -n "$ctl" ] && umount /usr/bin/v4l2loopback-ctl
+  true
+}
 
 # Scenarios per v4l2loopback build: $1 label, $2 "yes" when the build reports readers, $3.. loader
 session() {
@@ -79,11 +97,17 @@ DEFAULT=$(cat /usr/local/share/vistrel-lab/default-variant 2>/dev/null || echo 0
 run_test "install[$DEFAULT]" test_install
 # the newer builds first: Debian 12's own build ends the run with the forced removal
 if [ -f /opt/v4l2loopback/variants ]; then
+  NEWEST=$(awk 'NF == 3 {v = $1} END {print v}' /opt/v4l2loopback/variants)
   while read -r version suite ko; do
     [ -n "$ko" ] || continue
     modprobe videodev
+    ctl=$(dirname "$ko")/v4l2loopback-ctl
+    if [ "$version" = "$NEWEST" ] && [ -x "$ctl" ]; then
+      setup_session "$version" yes "$ctl" insmod "$ko" </dev/null
+    fi
     session "$version" yes insmod "$ko" </dev/null
   done </opt/v4l2loopback/variants
 fi
+PURGE=yes setup_session "$DEFAULT" no "" modprobe v4l2loopback
 session "$DEFAULT" no modprobe v4l2loopback
 finish

@@ -1,6 +1,7 @@
 # Vistrel end-to-end scenarios, run inside the lab guest by guest-init.sh (bash, as root).
-# vivid (a real V4L2 camera driver) -> Vistrel (installed under /usr/local) -> v4l2loopback
-# /dev/video10 -> real readers (ffmpeg, v4l2-ctl). Every assertion is on frames a reader got.
+# vivid (a real V4L2 camera driver) -> Vistrel (its Debian package) -> v4l2loopback
+# /dev/video10 -> real readers (ffmpeg, v4l2-ctl). Every assertion on the picture is on frames a
+# reader got. The set-up scenarios at the end run Vistrel as an ordinary user through onboarding.
 # Each test prints "LAB-TEST: <name> PASS|FAIL|SKIP <seconds> <summary>"; notes start "LAB:".
 
 LB_NR=10
@@ -82,7 +83,7 @@ start_app() {
   printf '[General]\nonboardingComplete=true\nextensionInstalled=true\n' >/tmp/home/.config/Vistrel/Vistrel.conf
   (cd /tmp/home && exec env HOME=/tmp/home XDG_RUNTIME_DIR=/tmp/xdg QT_QPA_PLATFORM=offscreen \
      VISTREL_UPDATE_URL=http://127.0.0.1:9/updates/latest.json VISTREL_CONTROL_SOCKET="$SOCK" \
-     /usr/local/bin/vistrel) >"$APP_LOG" 2>&1 &
+     /usr/bin/vistrel) >"$APP_LOG" 2>&1 &
   APP_PID=$!
   local t0; t0=$(uptime_s)
   if wait_for 90 chooser_filled; then
@@ -161,7 +162,7 @@ stream_seq() {
 
 # ---------------------------------------------------------------- scenarios
 EXTENSION_ID=app.vistrel.Vistrel.cameraextension
-HELPER=/usr/local/libexec/vistrel/vistrel-camera-extension-helper
+HELPER=/usr/libexec/vistrel/vistrel-camera-extension-helper
 helper() { # verb: runs the installed helper as root (no pkexec), its one answer line in $ANSWER
   local rc=0
   ANSWER=$("$HELPER" "$1" "$EXTENSION_ID" 2>/tmp/helper.err) || rc=$?
@@ -452,4 +453,203 @@ test_fault() {
   expect "logged once, not once per frame ($(grep -c "Writing to $LB failed" "$APP_LOG") lines)" \
     [ "$(grep -c "Writing to $LB failed" "$APP_LOG")" -le 2 ]
   summary "forced unload: alive, controls answer, logged: $(echo "$logged" | cut -c1-100)"
+}
+
+# ---------------------------------------------------------------- set-up as an ordinary user
+# Vistrel run by a user with a fresh home on an X display (Xvfb, openbox), its buttons pressed
+# with the keyboard through xdotool, as a user would; the camera extension is installed by the
+# real pkexec (a system bus, polkitd) running the packaged helper. A polkit rule stands for the
+# desktop's authentication agent: it answers for the user as if the password had been typed
+# (YES), or refuses (NO).
+LAB_USER=vistrel-lab
+LAB_HOME=/home/$LAB_USER
+LAB_RUNTIME=/tmp/xdg-$LAB_USER
+USER_SOCK=$LAB_RUNTIME/vistrel-control
+USER_LOG=/tmp/vistrel-user.log
+TRACE=$LAB_HOME/vistrel-trace.log
+POLKIT_RULE=/etc/polkit-1/rules.d/50-vistrel-lab.rules
+EXT_FILE=app.vistrel.Vistrel.cameraextension.conf
+DESKTOP_UP=
+
+as_user() {
+  runuser -u "$LAB_USER" -- env -i PATH=/usr/bin:/bin HOME="$LAB_HOME" USER="$LAB_USER" LOGNAME="$LAB_USER" \
+    LANG=C.UTF-8 DISPLAY=:1 XDG_RUNTIME_DIR="$LAB_RUNTIME" "$@"
+}
+polkit_answers() { dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
+  org.freedesktop.DBus.NameHasOwner string:org.freedesktop.PolicyKit1 2>/dev/null | grep -q 'boolean true'; }
+# The system bus, polkitd, the user (in group video, as a desktop's camera users are) and an
+# X display with a window manager: once per boot.
+desktop_up() {
+  [ -n "$DESKTOP_UP" ] && return 0
+  id "$LAB_USER" >/dev/null 2>&1 || useradd -m -G video -s /bin/bash "$LAB_USER" || return 1
+  mkdir -p /run/dbus
+  [ -S /run/dbus/system_bus_socket ] || dbus-daemon --system --fork || return 1
+  /usr/lib/polkit-1/polkitd --no-debug >/tmp/polkitd.log 2>&1 &
+  wait_for 60 polkit_answers || { echo "LAB: polkitd did not come up: $(tail -n3 /tmp/polkitd.log | tr '\n' ' ')"; return 1; }
+  mkdir -p "$LAB_RUNTIME"; chown "$LAB_USER:" "$LAB_RUNTIME"; chmod 700 "$LAB_RUNTIME"
+  as_user Xvfb :1 -screen 0 1280x800x24 -nolisten tcp >/tmp/xvfb.log 2>&1 &
+  wait_for 60 as_user xdpyinfo >/dev/null 2>&1 || { echo "LAB: Xvfb did not start: $(tail -n3 /tmp/xvfb.log)"; return 1; }
+  as_user openbox >/tmp/openbox.log 2>&1 &
+  wait_for 30 eval 'as_user xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q window' \
+    || { echo "LAB: openbox did not start: $(tail -n3 /tmp/openbox.log)"; return 1; }
+  DESKTOP_UP=yes
+  echo "LAB: desktop: system bus, polkitd, user $LAB_USER ($(id -Gn "$LAB_USER")), Xvfb :1 with openbox"
+}
+# The rule for the user and Vistrel's action only; every other decision stays polkit's own.
+polkit_rule() { # YES | NO
+  cat >"$POLKIT_RULE" <<RULE
+polkit.addRule(function(action, subject) {
+    if (action.id == "app.vistrel.Vistrel.camera-extension" && subject.user == "$LAB_USER")
+        return polkit.Result.$1;
+});
+RULE
+  sleep 2   # polkitd reloads its rules when the folder changes
+}
+user_app_pid() { pgrep -u "$LAB_USER" -x vistrel | head -n1; }
+stop_user_app() {
+  local p; p=$(user_app_pid); [ -n "$p" ] || return 0
+  kill -TERM "$p"; wait_for 15 eval '[ -z "$(user_app_pid)" ]' || kill -KILL "$p" 2>/dev/null
+  true
+}
+start_user_app() { # fresh: a new home, so the first start takes the set-up path
+  stop_user_app
+  if [ "${1:-}" = fresh ]; then rm -rf "$LAB_HOME"; mkdir -p "$LAB_HOME"; chown "$LAB_USER:" "$LAB_HOME"; fi
+  rm -f "$USER_SOCK"
+  as_user sh -c "cd && exec env QT_QPA_PLATFORM=xcb VISTREL_UPDATE_URL=http://127.0.0.1:9/updates/latest.json \
+    VISTREL_CONTROL_SOCKET=$USER_SOCK /usr/bin/vistrel" >>"$USER_LOG" 2>&1 &
+}
+window_shown() { as_user xdotool search --onlyvisible --name "^$1\$" 2>/dev/null | tail -n1; }
+# press TITLE KEY...: waits for the window titled so, makes it the active window (openbox
+# gives it the keyboard) and types the keys into it.
+press() {
+  local title=$1 w; shift
+  wait_for 90 eval '[ -n "$(window_shown "$title")" ]' || { note "no window \"$title\" (windows: $(windows))"; return 1; }
+  w=$(window_shown "$title")
+  as_user xdotool windowactivate --sync "$w" >/dev/null 2>&1
+  sleep 1
+  as_user xdotool key --clearmodifiers "$@"
+  note "\"$title\": pressed $*"
+}
+windows() { as_user xdotool search --onlyvisible --name . 2>/dev/null | while read -r w; do printf '"%s" ' "$(as_user xdotool getwindowname "$w")"; done; }
+traced() { grep -q "$1" "$TRACE" 2>/dev/null; }
+trace_count() { grep -c "$1" "$TRACE" 2>/dev/null || true; }
+still_there() { local d now=" $(loopback_names) "; for d in $1; do case $now in *" $d "*) ;; *) return 1 ;; esac; done; }
+helper_files() { ls /etc/modprobe.d/*"$EXT_FILE"* /etc/modules-load.d/*"$EXT_FILE"* 2>/dev/null; }
+# the loopback devices as "video10=Vistrel video11=Dummy_video_device_(0x0000)" (vivid's left out)
+loopback_names() { local n; for n in /sys/class/video4linux/*/name; do
+  grep -qs '^vivid' "$n" || echo "$(basename "$(dirname "$n")")=$(tr ' ' _ <"$n")"; done 2>/dev/null | tr '\n' ' ' | sed 's/ $//'; }
+
+# The module as a machine has it before set-up: loaded by hand with its defaults (one device
+# not named Vistrel), so the helper adds the camera (0.13+) or reloads the module (0.12).
+# SETUP_LOADER holds the command that loads this session's build.
+# The main-path scenarios leave the extension installed (Vistrel, run there by root, asks for
+# it at launch and pkexec lets root through): the helper removes it first.
+setup_prepare() {
+  stop_user_app
+  rm -f "$POLKIT_RULE"
+  if [ -n "$(helper_files)" ]; then
+    note "installed by an earlier run: $(helper_files | tr '\n' ' '); helper deactivate"
+    "$HELPER" deactivate "$EXTENSION_ID" >/dev/null 2>&1
+  fi
+  unload_loopback
+  $SETUP_LOADER 2>/tmp/load.err || { note "loading v4l2loopback failed: $(cat /tmp/load.err)"; return 1; }
+  wait_for 10 eval '[ -n "$(loopback_names)" ]'
+  note "v4l2loopback $(cat /sys/module/v4l2loopback/version 2>/dev/null || modinfo -F version v4l2loopback 2>/dev/null): $(loopback_names); configuration: $(helper_files | tr '\n' ' ')"
+  [ -z "$(vistrel_nodes)" ] && [ -z "$(helper_files)" ]
+}
+# The set-up window up to the system's answer: the extension row's "Grant Access" (the camera
+# row is done for a user in group video: its button is hidden, so the keyboard focus starts on
+# the extension row's), then "Continue" in the confirmation.
+setup_until_answer() {
+  start_user_app fresh
+  expect "a fresh start takes the set-up path" wait_for 90 traced 'taking ONBOARDING path'
+  expect "camera access is granted at once (trace: $(grep -o 'cameraAuth=[0-9]*' "$TRACE" | head -n1))" \
+    grep -q 'cameraAuth=3' "$TRACE"
+  expect "Grant Access pressed in \"Welcome to Vistrel\"" press "Welcome to Vistrel" space
+  expect "Continue pressed in \"Install Vistrel Camera Extension\"" press "Install Vistrel Camera Extension" Return
+}
+
+test_setup_refused() {
+  desktop_up || { T_FAILED=1; return; }
+  expect "v4l2loopback loaded without a Vistrel camera, nothing installed" setup_prepare || return
+  local before; before=$(loopback_names)
+  polkit_rule NO
+  setup_until_answer
+  expect "the failure alert \"Installation Failed\" appears" press "Installation Failed" Escape
+  local failed; failed=$(grep -o 'sysext failed code=[0-9]* .*' "$TRACE" | tail -n1)
+  note "trace: ${failed:-no failure line}"
+  expect "refused by system policy (code 10)" sh -c "echo '$failed' | grep -q 'code=10 '"
+  expect "nothing written under /etc/modprobe.d or /etc/modules-load.d" [ -z "$(helper_files)" ]
+  expect "no Vistrel camera; the devices are as before ($before)" sh -c "[ -z '$(vistrel_nodes)' ] && [ '$(loopback_names)' = '$before' ]"
+  expect "Vistrel keeps running with its set-up window" eval '[ -n "$(user_app_pid)" ] && [ -n "$(window_shown "Welcome to Vistrel")" ]'
+  stop_user_app
+  summary "polkit NO -> ${failed:-?}; /etc untouched"
+}
+
+# ADD_PATH=yes: the module stays loaded and the helper adds the camera (v4l2loopback-ctl add);
+# otherwise it reloads the module with the installed options.
+test_setup_granted() {
+  desktop_up || { T_FAILED=1; return; }
+  expect "v4l2loopback loaded without a Vistrel camera, nothing installed" setup_prepare || return
+  local before; before=$(loopback_names)
+  polkit_rule YES
+  setup_until_answer
+  expect "the helper reports the camera installed (trace: sysext finished result=0)" wait_for 120 traced 'sysext finished result=0'
+  local node; node=$(vistrel_nodes | head -n1)
+  expect "a video device named Vistrel appeared (${node:-none}; devices: $(loopback_names))" [ -n "$node" ]
+  expect "the helper wrote /etc/modprobe.d and /etc/modules-load.d ($(helper_files | tr '\n' ' '))" \
+    sh -c "[ -f /etc/modprobe.d/$EXT_FILE ] && [ -f /etc/modules-load.d/$EXT_FILE ] && grep -q 'card_label=Vistrel' /etc/modprobe.d/$EXT_FILE"
+  if [ "$ADD_PATH" = yes ]; then
+    expect "added to the loaded module: the first device is still there ($before -> $(loopback_names))" \
+      still_there "$before"
+  else
+    expect "the module was reloaded: only the Vistrel camera is left ($before -> $(loopback_names))" \
+      sh -c "[ \$(ls /sys/class/video4linux | wc -l) -gt 0 ] && ! echo '$(loopback_names)' | grep -q 'Dummy'"
+  fi
+  local starts; starts=$(trace_count 'didFinishLaunching ENTER')
+  expect "Relaunch Now pressed in \"Camera Extension Installed\"" press "Camera Extension Installed" Return
+  expect "Vistrel relaunched into set-up, both steps done" \
+    wait_for 90 eval '[ "$(trace_count "didFinishLaunching ENTER")" -gt "$starts" ] && traced "extInstalled=true extActivated=true"'
+  # both rows done: their buttons are hidden, the focus starts on Exit; Tab reaches Finish
+  expect "Finish pressed in \"Welcome to Vistrel\"" press "Welcome to Vistrel" Tab space
+  expect "set-up completed (trace)" wait_for 30 traced 'onboarding completed'
+  expect "Vistrel relaunched onto the main path (trace)" wait_for 90 traced 'taking MAIN WINDOW path'
+  local steps; steps=$(grep -oE 'taking [A-Z ]+ path|sysext finished result=[0-9]+|onboarding completed' "$TRACE" | paste -sd, -)
+  note "trace: $steps"
+  # the main path's camera feeds the new device: a reader gets live frames
+  local keep_lb=$LB keep_sock=$SOCK
+  LB=$node SOCK=$USER_SOCK
+  expect "the main window answers its controls" wait_for 90 chooser_filled
+  expect "the picture is live at $node (vivid picked in the chooser if need be)" pick_vivid
+  local n d size; read -r n d size <<<"$(until_distinct 5 60 /tmp/setup.md5)"
+  expect "a reader gets 1280x720 YUYV frames from $node ($n frames, $d distinct, $size bytes each)" \
+    sh -c "[ $n -ge 30 ] && [ $d -ge 5 ] && [ $size = $FRAME_BYTES ]"
+  LB=$keep_lb SOCK=$keep_sock
+  stop_user_app
+  summary "$before -> $node; $steps; reader: $n frames, $d distinct"
+}
+
+# The package's purge removes what the helper wrote; the package is then installed again for
+# the tests that follow.
+test_purge() {
+  stop_user_app
+  local had; had=$(helper_files | tr '\n' ' ')
+  expect "the helper's files are there before the purge ($had)" [ -n "$had" ]
+  apt-get purge -y vistrel >/tmp/purge.log 2>&1
+  expect "apt-get purge -y vistrel succeeds" sh -c "! dpkg -s vistrel >/dev/null 2>&1"
+  expect "the helper's files are gone ($(helper_files | tr '\n' ' '))" [ -z "$(helper_files)" ]
+  expect "the program, helper and polkit action are gone" \
+    sh -c "[ ! -e /usr/bin/vistrel ] && [ ! -e $HELPER ] && [ ! -e /usr/share/polkit-1/actions/app.vistrel.Vistrel.policy ]"
+  apt-get install -y /usr/local/share/vistrel-lab/vistrel.deb >/tmp/reinstall.log 2>&1
+  expect "the package installs again offline" eval 'dpkg -s vistrel >/dev/null 2>&1 && [ -x /usr/bin/vistrel ]'
+  summary "purged: $had"
+}
+
+# Deactivation through the real helper, so the next session starts from a machine without the
+# extension.
+setup_cleanup() {
+  stop_user_app
+  rm -f "$POLKIT_RULE"
+  [ -n "$(helper_files)$(vistrel_nodes)" ] && "$HELPER" deactivate "$EXTENSION_ID" >/dev/null 2>&1
+  unload_loopback
 }

@@ -144,7 +144,16 @@ TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
     const QString notInstalled = failed(sysext::UnsupportedParentBundleLocation);
     const Case cases[] = {
         {"prompt dismissed", [&] { pkexec("exit 126"); }, failed(sysext::RequestCanceled), 1},
-        {"not authorised", [&] { pkexec("echo 'Not authorized.' >&2; exit 127"); },
+        {"refused by a polkit rule",
+         [&] {
+             pkexec("printf 'Error executing command as another user: Not authorized\\n\\nThis incident has been "
+                    "reported.\\n' >&2; exit 127");
+         },
+         failed(sysext::ForbiddenBySystemPolicy), 1},
+        {"no agent to ask for the password",
+         [&] {
+             pkexec("echo 'Error executing command as another user: No authentication agent found.' >&2; exit 127");
+         },
          failed(sysext::AuthorizationRequired), 1},
         {"helper silent", [&] { pkexec("exit 0"); }, failed(sysext::UnknownError), 1},
         {"module missing", [&] { QFile::remove(machine->path("kernel/version")); }, failed(sysext::ModuleNotInstalled),
