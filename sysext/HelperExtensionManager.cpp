@@ -181,6 +181,12 @@ void HelperExtensionManager::startHelper(const ExtensionRequest &request)
          request.kind == RequestKind::Activation ? QStringLiteral("activate") : QStringLiteral("deactivate"),
          request.identifier});
     process->setStandardInputFile(QProcess::nullDevice());
+    // pkexec's messages are told apart by their words (see helperFinished), so they must
+    // not come translated; the password dialog is the session agent's, in the user's
+    // language whatever this says.
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("LC_ALL"), QStringLiteral("C"));
+    process->setProcessEnvironment(environment);
     connect(process, &QProcess::finished, this, [this, request, process] {
         helperFinished(request, process);
         helperGone(process);

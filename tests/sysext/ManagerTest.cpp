@@ -144,10 +144,12 @@ TEST_F(ManagerTest, EachWayARequestEndsMapsToItsAnswer)
     const QString notInstalled = failed(sysext::UnsupportedParentBundleLocation);
     const Case cases[] = {
         {"prompt dismissed", [&] { pkexec("exit 126"); }, failed(sysext::RequestCanceled), 1},
+        // pkexec speaks the user's language unless told otherwise.
         {"refused by a polkit rule",
          [&] {
-             pkexec("printf 'Error executing command as another user: Not authorized\\n\\nThis incident has been "
-                    "reported.\\n' >&2; exit 127");
+             pkexec("if [ \"$LC_ALL\" = C ]; then printf 'Error executing command as another user: Not authorized"
+                    "\\n\\nThis incident has been reported.\\n'; else echo 'Fehler beim Ausf\u00fchren des Befehls als "
+                    "anderer Benutzer: Nicht autorisiert'; fi >&2; exit 127");
          },
          failed(sysext::ForbiddenBySystemPolicy), 1},
         {"no agent to ask for the password",
