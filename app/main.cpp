@@ -3,6 +3,7 @@
 // delegate's launch sequence from the event loop.
 #include "app/AppDelegate.h"
 #include "app/ControlSocket.h"
+#include "app/DBusService.h"
 #include "app/LinuxPlatform.h"
 #include "app/TerminationSignals.h"
 #include "camera/CameraAuthorization.h"
@@ -98,6 +99,16 @@ int main(int argc, char *argv[])
     std::unique_ptr<QWidget> autoLoadedWindow;
     if (MainWindowController *controller = instantiateMainInterface(services, services.bundle.mainInterfacePath()))
         autoLoadedWindow.reset(controller->window());
+
+    // Desktop shells and scripts drive the same controls over the session bus.
+    DBusService bus(
+        [&delegate]() -> ViewController * {
+            if (delegate.isOnboardingInProgress() || !delegate.mainWindowController())
+                return nullptr;
+            return delegate.mainWindowController()->contentViewController();
+        },
+        [&delegate] { delegate.showMainWindowBelowStatusItem(); }, timers);
+    bus.publish(QDBusConnection::sessionBus());
 
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
     return app.exec();
