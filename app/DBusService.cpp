@@ -16,8 +16,8 @@ namespace vistrel {
 
 using namespace std::chrono_literals;
 
-DBusService::DBusService(std::function<ViewController *()> controller, std::function<void()> showWindow,
-                         Timers &timers, QObject *parent)
+DBusService::DBusService(std::function<ViewController *()> controller, std::function<void()> showWindow, Timers &timers,
+                         QObject *parent)
     : QObject(parent), m_controller(std::move(controller)), m_showWindow(std::move(showWindow))
 {
     m_watch = timers.repeating(250ms, Qt::CoarseTimer, [this] { announceChanges(); });
@@ -117,11 +117,13 @@ void DBusService::OpenMovie(const QString &path)
     if (!controller)
         return;
     // Refused here rather than in an alert nobody at the caller's end would see.
-    QString problem = path.isEmpty() ? QStringLiteral("no file was named.") : camera::VideoFileSource::notAMovieFile(path);
+    QString problem =
+        path.isEmpty() ? QStringLiteral("no file was named.") : camera::VideoFileSource::notAMovieFile(path);
     if (problem.isEmpty() && !QFileInfo(path).isReadable())
         problem = QStringLiteral("it cannot be read.");
     if (!problem.isEmpty()) {
-        sendErrorReply(QLatin1String(kNotAMovie), QStringLiteral("\u201c%1\u201d cannot be played: %2").arg(path, problem));
+        sendErrorReply(QLatin1String(kNotAMovie),
+                       QStringLiteral("\u201c%1\u201d cannot be played: %2").arg(path, problem));
         return;
     }
     controller->openMovie(QFileInfo(path).absoluteFilePath());
@@ -159,8 +161,9 @@ void DBusService::announceChanges()
     if (now.streaming != m_announced.streaming)
         changed.insert(QStringLiteral("Streaming"), now.streaming);
     m_announced = now;
-    QDBusMessage signal = QDBusMessage::createSignal(
-        QLatin1String(kObjectPath), QStringLiteral("org.freedesktop.DBus.Properties"), QStringLiteral("PropertiesChanged"));
+    QDBusMessage signal =
+        QDBusMessage::createSignal(QLatin1String(kObjectPath), QStringLiteral("org.freedesktop.DBus.Properties"),
+                                   QStringLiteral("PropertiesChanged"));
     signal << QLatin1String(kInterface) << changed << QStringList();
     m_bus.send(signal);
 }

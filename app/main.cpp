@@ -2,6 +2,7 @@
 // interface file's main window (as the platform would at start), then runs the
 // delegate's launch sequence from the event loop.
 #include "app/AppDelegate.h"
+#include "app/CommandLine.h"
 #include "app/ControlSocket.h"
 #include "app/DBusService.h"
 #include "app/LinuxPlatform.h"
@@ -23,6 +24,10 @@
 
 int main(int argc, char *argv[])
 {
+    // With arguments Vistrel is a command for the running instance: no window, no tray.
+    if (argc > 1)
+        return vistrel::runCommandLine(argc, argv);
+
     gst_init(&argc, &argv);
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Vistrel"));
