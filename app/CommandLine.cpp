@@ -82,16 +82,20 @@ int runCommandLine(int argc, char *argv[])
     QCommandLineParser parser;
     parser.setApplicationDescription(
         QStringLiteral("Without options, starts Vistrel. With options, controls the running Vistrel."));
-    const QCommandLineOption freeze(QStringLiteral("freeze"), QStringLiteral("Freeze the picture, release it, or switch."),
+    const QCommandLineOption freeze(QStringLiteral("freeze"),
+                                    QStringLiteral("Freeze the picture, release it, or switch."),
                                     QStringLiteral("on|off|toggle"));
-    const QCommandLineOption stutter(QStringLiteral("stutter"),
-                                     QStringLiteral("Start or stop Stutter (freeze and release once a second), or switch."),
-                                     QStringLiteral("on|off|toggle"));
+    const QCommandLineOption stutter(
+        QStringLiteral("stutter"),
+        QStringLiteral("Start or stop Stutter (freeze and release once a second), or switch."),
+        QStringLiteral("on|off|toggle"));
     const QCommandLineOption movie(QStringLiteral("movie"), QStringLiteral("Play a movie in place of the camera."),
                                    QStringLiteral("PATH"));
-    const QCommandLineOption stopMovie(QStringLiteral("stop-movie"), QStringLiteral("Stop the movie; the camera comes back."));
-    const QCommandLineOption status(QStringLiteral("status"),
-                                    QStringLiteral("Print frozen=… stuttering=… movie=… camera=… streaming=… on one line."));
+    const QCommandLineOption stopMovie(QStringLiteral("stop-movie"),
+                                       QStringLiteral("Stop the movie; the camera comes back."));
+    const QCommandLineOption status(
+        QStringLiteral("status"),
+        QStringLiteral("Print frozen=… stuttering=… movie=… camera=… streaming=… on one line."));
     parser.addOptions({freeze, stutter, movie, stopMovie, status});
     const QCommandLineOption help = parser.addHelpOption();
     const QCommandLineOption version = parser.addVersionOption();
@@ -130,8 +134,9 @@ int runCommandLine(int argc, char *argv[])
 
     Instance instance(QDBusConnection::sessionBus());
     if (!instance.isRunning()) {
-        print(stderr, QStringLiteral("vistrel: Vistrel is not running (nobody owns %1 on the session bus)\n")
-                          .arg(QLatin1String(DBusService::kServiceName)));
+        print(stderr,
+              QStringLiteral("vistrel: Vistrel is not running (nobody owns %1 on the session bus)\n")
+                  .arg(QLatin1String(DBusService::kServiceName)));
         return ExitNoInstance;
     }
 
@@ -140,7 +145,8 @@ int runCommandLine(int argc, char *argv[])
         && !sendSwitch(instance, parser.value(freeze), QStringLiteral("SetFrozen"), QStringLiteral("ToggleFreeze")))
         return ExitRefused;
     if (parser.isSet(stutter)
-        && !sendSwitch(instance, parser.value(stutter), QStringLiteral("SetStuttering"), QStringLiteral("ToggleStutter")))
+        && !sendSwitch(instance, parser.value(stutter), QStringLiteral("SetStuttering"),
+                       QStringLiteral("ToggleStutter")))
         return ExitRefused;
     // The instance runs in another folder: a relative path is this shell's.
     if (parser.isSet(movie)
@@ -154,12 +160,13 @@ int runCommandLine(int argc, char *argv[])
         if (!reply || reply->arguments().isEmpty())
             return ExitRefused;
         const QVariantMap properties = qdbus_cast<QVariantMap>(reply->arguments().constFirst());
-        print(stdout, QStringLiteral("frozen=%1 stuttering=%2 movie=%3 camera=%4 streaming=%5\n")
-                          .arg(yesNo(properties.value(QStringLiteral("Frozen"))),
-                               yesNo(properties.value(QStringLiteral("Stuttering"))),
-                               yesNo(properties.value(QStringLiteral("MoviePlaying"))),
-                               properties.value(QStringLiteral("Camera")).toString(),
-                               yesNo(properties.value(QStringLiteral("Streaming")))));
+        print(stdout,
+              QStringLiteral("frozen=%1 stuttering=%2 movie=%3 camera=%4 streaming=%5\n")
+                  .arg(yesNo(properties.value(QStringLiteral("Frozen"))),
+                       yesNo(properties.value(QStringLiteral("Stuttering"))),
+                       yesNo(properties.value(QStringLiteral("MoviePlaying"))),
+                       properties.value(QStringLiteral("Camera")).toString(),
+                       yesNo(properties.value(QStringLiteral("Streaming")))));
     }
     return ExitDone;
 }
