@@ -46,6 +46,8 @@ public:
     void onboardingCompleted();
     // A second launch of the app asked this one to show itself.
     void applicationShouldHandleReopen();
+    // Shows the main window where the status item would, and brings the app forward.
+    void showMainWindowBelowStatusItem();
     // The claim to be the one running instance, released before a relaunch.
     void setSingleInstance(SingleInstance *instance) { m_singleInstance = instance; }
 
@@ -57,7 +59,6 @@ public:
 
 private:
     void toggleMainWindowFromStatusItem();
-    void showMainWindowBelowStatusItem();
     void startUpdateCheck();
     void showOnboardingWindow();
     void showSettingsAlert(const QString &title, const QString &text);

@@ -2,7 +2,9 @@
 // interface file's main window (as the platform would at start), then runs the
 // delegate's launch sequence from the event loop.
 #include "app/AppDelegate.h"
+#include "app/CommandLine.h"
 #include "app/ControlSocket.h"
+#include "app/DBusService.h"
 #include "app/LinuxPlatform.h"
 #include "app/TerminationSignals.h"
 #include "camera/CameraAuthorization.h"
@@ -22,6 +24,10 @@
 
 int main(int argc, char *argv[])
 {
+    // With arguments Vistrel is a command for the running instance: no window, no tray.
+    if (argc > 1)
+        return vistrel::runCommandLine(argc, argv);
+
     gst_init(&argc, &argv);
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Vistrel"));
@@ -98,6 +104,16 @@ int main(int argc, char *argv[])
     std::unique_ptr<QWidget> autoLoadedWindow;
     if (MainWindowController *controller = instantiateMainInterface(services, services.bundle.mainInterfacePath()))
         autoLoadedWindow.reset(controller->window());
+
+    // Desktop shells and scripts drive the same controls over the session bus.
+    DBusService bus(
+        [&delegate]() -> ViewController * {
+            if (delegate.isOnboardingInProgress() || !delegate.mainWindowController())
+                return nullptr;
+            return delegate.mainWindowController()->contentViewController();
+        },
+        [&delegate] { delegate.showMainWindowBelowStatusItem(); }, timers);
+    bus.publish(QDBusConnection::sessionBus());
 
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
     return app.exec();

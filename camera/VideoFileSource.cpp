@@ -10,12 +10,10 @@
 #include <gst/gst.h>
 
 namespace vistrel::camera {
-namespace {
 
-// Why the chosen path cannot be a movie, or an empty string. Only a regular file is
-// handed to GStreamer: opening a named pipe waits for a writer, and a device or a
-// folder is never a movie.
-QString notAMovieFile(const QString &path)
+// Only a regular file is handed to GStreamer: opening a named pipe waits for a writer,
+// and a device or a folder is never a movie.
+QString VideoFileSource::notAMovieFile(const QString &path)
 {
     const QFileInfo file(path);
     if (!file.exists())
@@ -26,8 +24,6 @@ QString notAMovieFile(const QString &path)
         return QStringLiteral("it is a named pipe, a socket or a device, not a file.");
     return {};
 }
-
-} // namespace
 
 VideoFileSource::VideoFileSource(AlertPresenter *alerts, Timers &timers, QObject *parent)
     : QObject(parent), m_alerts(alerts), m_timers(timers)

@@ -34,6 +34,9 @@ public:
     // Whether `path` is a file that may be handed to the player. When it is not, an alert
     // says why and nothing changes: what plays now (camera or movie) goes on.
     bool acceptsFile(const QString &path);
+    // Why `path` cannot be handed to the player ("it does not exist." and the like), or an
+    // empty string when it can.
+    static QString notAMovieFile(const QString &path);
     // Plays the file in place of what played before.
     void playVideo(const QString &filePath);
     // Stops and releases the movie; the camera's pictures come back.

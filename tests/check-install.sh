@@ -36,6 +36,7 @@ for f in share/polkit-1/actions/$id.policy \
   share/doc/vistrel/camera-extension.html \
   share/applications/$id.desktop \
   share/metainfo/$id.metainfo.xml \
+  share/dbus-1/interfaces/${id}1.xml \
   share/icons/hicolor/scalable/apps/$id.svg \
   share/icons/hicolor/symbolic/apps/$id-symbolic.svg \
   share/man/man1/vistrel.1; do

@@ -228,13 +228,19 @@ void ViewController::openVideoFile(QObject *)
     m_services.fileDialogs->chooseMovie(this, [self](std::optional<QString> file) {
         if (!self || !file || file->isEmpty())
             return;
-        // Refused before anything changes: what plays now (camera or movie) goes on.
-        if (!self->m_movie->acceptsFile(*file))
-            return;
-        self->m_camera->resumeCapture();
-        self->playVideo(*file);
-        self->m_stopVideoBtn->setEnabled(true);
+        self->openMovie(*file);
     });
+}
+
+bool ViewController::openMovie(const QString &filePath)
+{
+    // Refused before anything changes: what plays now (camera or movie) goes on.
+    if (!m_movie->acceptsFile(filePath))
+        return false;
+    m_camera->resumeCapture();
+    playVideo(filePath);
+    m_stopVideoBtn->setEnabled(true);
+    return true;
 }
 
 void ViewController::playVideo(const QString &filePath)

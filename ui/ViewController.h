@@ -54,6 +54,9 @@ public:
     void showConnectingPlaceholder();
     void showVirtualCameraPreview();
     void playVideo(const QString &filePath);
+    // What Open Movie… does with the chosen file: plays it in place of the camera or the
+    // movie before, or refuses it with an alert and changes nothing (answers false).
+    bool openMovie(const QString &filePath);
     void stopVideoPlayback(QObject *sender);
 
     // The parts, each with its own interface.
