@@ -123,7 +123,7 @@ struct CommandRun
 
 // `vistrel` with `arguments`, as a user types it, with the given environment.
 CommandRun runCommand(const QStringList &arguments, const QList<std::pair<QString, QString>> &environment,
-               const QString &home)
+                      const QString &home)
 {
     QProcess process;
     QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
@@ -243,7 +243,8 @@ TEST(CommandLineTest, TalksToTheRunningInstance)
         << after.out.toStdString();
 
     // A refusal of the instance is told and exits 1; the state stays.
-    const CommandRun movie = runCommand({QStringLiteral("--movie"), QStringLiteral("no-such.mp4")}, bus.environment(), home);
+    const CommandRun movie =
+        runCommand({QStringLiteral("--movie"), QStringLiteral("no-such.mp4")}, bus.environment(), home);
     EXPECT_EQ(movie.exitCode, 1);
     EXPECT_TRUE(movie.err.contains(QStringLiteral("cannot be played: it does not exist."))) << movie.err.toStdString();
     EXPECT_EQ(app.trace().count(QStringLiteral("didFinishLaunching ENTER")), 1) << "no second app started";
@@ -256,7 +257,8 @@ TEST(CommandLineTest, NoInstanceAndBadArgumentsAreRefused)
     ASSERT_FALSE(bus.address.isEmpty()) << "no dbus-daemon";
     QTemporaryDir home(QStringLiteral("/tmp/vsh-XXXXXX"));
     const QList<std::pair<QString, QString>> noBus{
-        {QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), QStringLiteral("unix:path=") + home.filePath(QStringLiteral("none"))}};
+        {QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
+         QStringLiteral("unix:path=") + home.filePath(QStringLiteral("none"))}};
     for (const auto &environment : {bus.environment(), noBus}) {
         const CommandRun run = runCommand({QStringLiteral("--freeze"), QStringLiteral("on")}, environment, home.path());
         EXPECT_EQ(run.exitCode, 2);
