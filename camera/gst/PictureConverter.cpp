@@ -85,18 +85,13 @@ bool PictureConverter::prepare(GstCaps *caps, QSize largest)
     if (chromaHalfHeight && shrinkRatio((height + 1) / 2, (pictureHeight + 1) / 2) != m_heightRatio)
         m_heightRatio = ShrinkRatio::Other;
     m_shrinksByRows = m_widthRatio != ShrinkRatio::Other && m_heightRatio != ShrinkRatio::Other;
-    const auto rowBytes = [&](int rowWidth) {
-        const int chromaWidth = chromaHalfWidth ? (rowWidth + 1) / 2 : rowWidth;
-        if (packed)
-            return RowBytes{4 * chromaWidth, 0};
-        return RowBytes{rowWidth, pairs ? 2 * chromaWidth : chromaWidth};
-    };
-    m_sourceRow = rowBytes(width);
-    m_pictureRow = rowBytes(pictureWidth);
-    const auto rowSize = [](RowBytes bytes) { return static_cast<std::size_t>(bytes.first + 2 * bytes.chroma); };
+    const int chromaWidth = chromaHalfWidth ? (width + 1) / 2 : width;
+    m_sourceRow = packed ? RowBytes{4 * chromaWidth, 0} : RowBytes{width, pairs ? 2 * chromaWidth : chromaWidth};
     const bool byRows = m_shrinking && m_shrinksByRows;
-    m_blended.resize(byRows ? rowSize(m_sourceRow) : 0);
-    m_shrunk.resize(byRows ? rowSize(m_pictureRow) : 0);
+    m_blended.resize(byRows ? static_cast<std::size_t>(m_sourceRow.first + 2 * m_sourceRow.chroma) : 0);
+    // A shrunk row is always planes: Y, then U and V (as wide as Y for 4:4:4).
+    const int pictureChromaWidth = chromaHalfWidth ? (pictureWidth + 1) / 2 : pictureWidth;
+    m_shrunk.resize(byRows ? static_cast<std::size_t>(pictureWidth + 2 * pictureChromaWidth) : 0);
     // Shrinking whole: a packed frame split into 4:2:2 planes, and the planes at the
     // picture's size (at most three full planes, 4:4:4).
     const bool whole = m_shrinking && !m_shrinksByRows;

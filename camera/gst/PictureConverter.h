@@ -79,13 +79,12 @@ private:
     bool m_shrinksByRows = false; // both ratios are ones the row shrinking knows
     ShrinkRatio m_widthRatio = ShrinkRatio::OneToOne;
     ShrinkRatio m_heightRatio = ShrinkRatio::OneToOne;
-    // Bytes of one row's first plane (or packed row) and of its chroma plane(s), at the
-    // camera's width and at the picture's.
+    // Bytes of one camera row's first plane (or packed row) and of its chroma plane(s).
     struct RowBytes
     {
         int first = 0, chroma = 0;
     };
-    RowBytes m_sourceRow, m_pictureRow;
+    RowBytes m_sourceRow;
     std::vector<std::uint8_t> m_blended; // one blended row, planes one after the other
     std::vector<std::uint8_t> m_shrunk;  // the same row at the picture's width
     std::vector<std::uint8_t> m_split;   // a packed frame as 4:2:2 planes, for shrinkWhole
