@@ -10,6 +10,7 @@
 #include "onboarding/OnboardingManager.h"
 #include "sysext/ExtensionProbes.h"
 #include "ui/MainWindowController.h"
+#include "ui/ViewController.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -177,6 +178,8 @@ void AppDelegate::prepareMainWindow()
         new ResignKeyObserver(this, window);
     window->hide();
     systemLog(QStringLiteral("main window prepared (hidden) — frame=") + describeFrame(window->geometry()));
+    if (ViewController *content = m_mainWindowController->contentViewController())
+        Q_EMIT mainWindowPrepared(content);
 }
 
 void AppDelegate::onboardingCompleted()

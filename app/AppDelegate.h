@@ -12,6 +12,7 @@ class QWidget;
 
 namespace vistrel {
 class MainWindowController;
+class ViewController;
 namespace sysext {
 struct ExtensionRequestError;
 }
@@ -56,6 +57,10 @@ public:
     bool isOnboardingInProgress() const { return m_onboardingInProgress; }
 
     const Services &services() const { return m_services; }
+
+Q_SIGNALS:
+    // The main window is ready (hidden) with `controller` as its content.
+    void mainWindowPrepared(ViewController *controller);
 
 private:
     void toggleMainWindowFromStatusItem();

@@ -14,14 +14,10 @@
 
 namespace vistrel {
 
-using namespace std::chrono_literals;
-
-DBusService::DBusService(std::function<ViewController *()> controller, std::function<void()> showWindow, Timers &timers,
+DBusService::DBusService(std::function<ViewController *()> controller, std::function<void()> showWindow,
                          QObject *parent)
     : QObject(parent), m_controller(std::move(controller)), m_showWindow(std::move(showWindow))
-{
-    m_watch = timers.repeating(250ms, Qt::CoarseTimer, [this] { announceChanges(); });
-}
+{}
 
 DBusService::~DBusService()
 {
@@ -49,8 +45,13 @@ bool DBusService::publish(QDBusConnection bus)
     }
     m_bus = bus;
     m_announced = state();
-    m_watch->start();
     return true;
+}
+
+void DBusService::follow(ViewController *controller)
+{
+    if (controller)
+        connect(controller, &ViewController::stateChanged, this, &DBusService::announceChanges, Qt::UniqueConnection);
 }
 
 DBusService::State DBusService::state() const
@@ -82,16 +83,13 @@ void DBusService::SetFrozen(bool frozen)
     if (ViewController *controller = readyController()) {
         if (controller->effects().isFrozen() != frozen)
             controller->toggleFreeze();
-        announceChanges();
     }
 }
 
 void DBusService::ToggleFreeze()
 {
-    if (ViewController *controller = readyController()) {
+    if (ViewController *controller = readyController())
         controller->toggleFreeze();
-        announceChanges();
-    }
 }
 
 void DBusService::SetStuttering(bool stuttering)
@@ -99,16 +97,13 @@ void DBusService::SetStuttering(bool stuttering)
     if (ViewController *controller = readyController()) {
         if (controller->effects().isShutterActive() != stuttering)
             controller->toggleShutter();
-        announceChanges();
     }
 }
 
 void DBusService::ToggleStutter()
 {
-    if (ViewController *controller = readyController()) {
+    if (ViewController *controller = readyController())
         controller->toggleShutter();
-        announceChanges();
-    }
 }
 
 void DBusService::OpenMovie(const QString &path)
@@ -127,15 +122,12 @@ void DBusService::OpenMovie(const QString &path)
         return;
     }
     controller->openMovie(QFileInfo(path).absoluteFilePath());
-    announceChanges();
 }
 
 void DBusService::StopMovie()
 {
-    if (ViewController *controller = readyController()) {
+    if (ViewController *controller = readyController())
         controller->stopVideo();
-        announceChanges();
-    }
 }
 
 void DBusService::ShowWindow()

@@ -1,12 +1,9 @@
 #pragma once
-#include "core/Timers.h"
-
 #include <QDBusConnection>
 #include <QDBusContext>
 #include <QObject>
 #include <QString>
 #include <functional>
-#include <memory>
 
 namespace vistrel {
 
@@ -20,9 +17,8 @@ class ViewController;
 // leaves the same trace, console lines and button titles as a click. Before the main
 // window exists (during onboarding) the methods answer the error kNotReady; the
 // properties then read as false and "". A change of a property is announced with
-// org.freedesktop.DBus.Properties.PropertiesChanged; the state is compared four times
-// a second and after every call, because Stutter and a movie that ends change it on
-// their own.
+// org.freedesktop.DBus.Properties.PropertiesChanged, whoever made it: a call, a click,
+// the shutter's own switches, a reader of the virtual camera.
 //
 // Threads: the main thread.
 class DBusService final : public QObject, protected QDBusContext
@@ -43,13 +39,15 @@ public:
 
     // `controller` answers the main window's controller, or nothing while there is none;
     // `showWindow` shows the main window below the status item.
-    DBusService(std::function<ViewController *()> controller, std::function<void()> showWindow, Timers &timers,
+    DBusService(std::function<ViewController *()> controller, std::function<void()> showWindow,
                 QObject *parent = nullptr);
     ~DBusService() override;
 
     // Publishes the object and claims the name on `bus`. When either fails (no bus, the
     // name taken), one line on the system log says so and the program goes on without.
     bool publish(QDBusConnection bus);
+    // Announces the changes `controller` reports from now on.
+    void follow(ViewController *controller);
 
     bool frozen() const { return state().frozen; }
     bool stuttering() const { return state().stuttering; }
@@ -83,7 +81,6 @@ private:
 
     std::function<ViewController *()> m_controller;
     std::function<void()> m_showWindow;
-    std::unique_ptr<RepeatingTimer> m_watch;
     State m_announced;
     QDBusConnection m_bus{QString()};
 };

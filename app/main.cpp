@@ -16,6 +16,7 @@
 #include "sysext/CameraExtensionHelper.h"
 #include "sysext/HelperExtensionManager.h"
 #include "ui/MainWindowController.h"
+#include "ui/ViewController.h"
 #include "vcam/v4l2loopback/LoopbackSystem.h"
 
 #include <QApplication>
@@ -112,7 +113,8 @@ int main(int argc, char *argv[])
                 return nullptr;
             return delegate.mainWindowController()->contentViewController();
         },
-        [&delegate] { delegate.showMainWindowBelowStatusItem(); }, timers);
+        [&delegate] { delegate.showMainWindowBelowStatusItem(); });
+    QObject::connect(&delegate, &AppDelegate::mainWindowPrepared, &bus, &DBusService::follow);
     bus.publish(QDBusConnection::sessionBus());
 
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);

@@ -39,6 +39,7 @@ void CameraSource::useCamera(std::size_t index)
 {
     m_selectedDevice = m_videoDevices.at(index);
     configureCapture(*m_selectedDevice);
+    Q_EMIT cameraChanged();
 }
 
 void CameraSource::cameraSelected(int index)
@@ -50,6 +51,7 @@ void CameraSource::cameraSelected(int index)
     m_selectedDevice = m_videoDevices[static_cast<std::size_t>(index)];
     consoleLine(QStringLiteral("Caméra sélectionnée : ") + m_selectedDevice->localizedName);
     configureCapture(*m_selectedDevice);
+    Q_EMIT cameraChanged();
 }
 
 void CameraSource::setupDefaultCapture()

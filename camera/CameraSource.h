@@ -61,6 +61,8 @@ public:
 Q_SIGNALS:
     // A new picture from the camera.
     void pictureTaken(const QImage &picture);
+    // After another camera was picked (selectedDevice).
+    void cameraChanged();
 
 private:
     void startCaptureSession(const CameraDevice &device, const QString &errorPrefix);

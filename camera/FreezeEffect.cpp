@@ -15,6 +15,7 @@ bool FreezeEffect::toggleFreeze()
 {
     const bool wasFrozen = m_frozen.load();
     m_frozen.store(!wasFrozen);
+    changed();
     return wasFrozen;
 }
 
@@ -31,12 +32,14 @@ bool FreezeEffect::toggleShutter()
         m_freezeTimer->stop();
         m_frozen.store(false);
     }
+    changed();
     return wasActive;
 }
 
 void FreezeEffect::freezeEffect()
 {
     m_frozen.store(!m_frozen.load());
+    changed();
 }
 
 } // namespace vistrel::camera

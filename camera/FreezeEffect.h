@@ -1,5 +1,6 @@
 #pragma once
 #include <atomic>
+#include <functional>
 #include <memory>
 
 namespace vistrel {
@@ -32,14 +33,25 @@ public:
     // The shutter's tick: flips the flag.
     void freezeEffect();
 
+    // Called after every change of isFrozen or isShutterActive, the shutter's own
+    // switches included.
+    void setChangeHandler(std::function<void()> changed) { m_changed = std::move(changed); }
+
     bool isShutterActive() const { return m_shutterActive; }
     // Any thread.
     bool isFrozen() const { return m_frozen.load(std::memory_order_relaxed); }
 
 private:
+    void changed() const
+    {
+        if (m_changed)
+            m_changed();
+    }
+
     std::atomic<bool> m_frozen{false};
     bool m_shutterActive = false;
     std::unique_ptr<RepeatingTimer> m_freezeTimer;
+    std::function<void()> m_changed;
 };
 
 } // namespace vistrel::camera

@@ -69,6 +69,7 @@ void VideoFileSource::playVideo(const QString &filePath)
     }
 
     m_player->setDidPlayToEndHandler([this] { playerItemDidReachEnd(); });
+    Q_EMIT playingChanged(true);
 }
 
 void VideoFileSource::updateVideoFrame()
@@ -133,6 +134,7 @@ void VideoFileSource::stopVideoPlayback()
         }
     }
     m_player.reset();
+    Q_EMIT playingChanged(false);
 }
 
 } // namespace vistrel::camera

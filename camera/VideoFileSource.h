@@ -51,6 +51,8 @@ public:
 
 Q_SIGNALS:
     void pictureReady(const QImage &picture);
+    // After a movie started (true) or was stopped (false).
+    void playingChanged(bool playing);
 
 private:
     void updateVideoFrame();

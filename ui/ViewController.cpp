@@ -54,6 +54,14 @@ ViewController::ViewController(const Services &services, QWidget *parent)
     connect(m_link.get(), &vcam::VirtualCameraLink::frameSent, this, &ViewController::showSentFrame);
     connect(m_link.get(), &vcam::VirtualCameraLink::virtualCameraLost, this, &ViewController::showVirtualCameraGone);
     connect(m_link.get(), &vcam::VirtualCameraLink::virtualCameraBack, this, &ViewController::showVirtualCameraPreview);
+
+    // One announcement for every change the tray, the session bus and the camera light
+    // follow, whoever made it: a button, a call from outside, the shutter's switches, a
+    // reader that came or left.
+    m_effects->setChangeHandler([this] { Q_EMIT stateChanged(); });
+    connect(m_movie.get(), &camera::VideoFileSource::playingChanged, this, &ViewController::stateChanged);
+    connect(m_camera.get(), &camera::CameraSource::cameraChanged, this, &ViewController::stateChanged);
+    connect(m_link.get(), &vcam::VirtualCameraLink::streamingChanged, this, &ViewController::stateChanged);
 }
 
 // Timers, sessions and the sink are released with their owners; nothing is stopped

@@ -78,6 +78,11 @@ public Q_SLOTS:
     void activate(QObject *sender = nullptr);
     void deactivate(QObject *sender = nullptr);
 
+Q_SIGNALS:
+    // Freeze, Stutter, the movie, the picked camera or whether someone reads the virtual
+    // camera changed; the shutter's switches each count.
+    void stateChanged();
+
 private:
     void showPicture(const QImage &picture);
     void showSentFrame(const std::shared_ptr<const vcam::PixelBuffer> &frame);

@@ -134,7 +134,13 @@ void VirtualCameraLink::pollStreamState()
         return;
     writeJustProperty(*m_system, *m_sourceStream, QStringLiteral("random"));
     if (const auto value = readJustProperty(*m_system, *m_sourceStream))
-        m_needToStream = (*value == QLatin1String("sc=1"));
+        setNeedToStream(*value == QLatin1String("sc=1"));
+}
+
+void VirtualCameraLink::setNeedToStream(bool need)
+{
+    if (m_needToStream.exchange(need, std::memory_order_relaxed) != need)
+        Q_EMIT streamingChanged(need);
 }
 
 void VirtualCameraLink::propertyTimer()
@@ -156,7 +162,7 @@ void VirtualCameraLink::followLostVirtualCamera()
     if (m_sinkStream || m_sourceStream) {
         m_sinkStream.reset();
         m_sourceStream.reset();
-        m_needToStream = false;
+        setNeedToStream(false);
         m_enqueued = false;
         m_readyToEnqueue = false;
         Q_EMIT virtualCameraLost();

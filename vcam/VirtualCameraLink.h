@@ -73,12 +73,15 @@ Q_SIGNALS:
     void virtualCameraLost();
     // The camera is listed again and its sink connected.
     void virtualCameraBack();
+    // needToStream changed: a first reader came, or the last one left.
+    void streamingChanged(bool streaming);
 
 private:
     void initSink(ObjectID device, ObjectID stream);
     void sinkQueueAltered();
     void enqueueFrame(SimpleQueue &queue, const QImage &image);
     void followLostVirtualCamera();
+    void setNeedToStream(bool need);
 
     VirtualCameraSystem *const m_system;
     std::atomic<bool> m_needToStream{false};
