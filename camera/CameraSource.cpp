@@ -81,8 +81,28 @@ void CameraSource::resumeCapture()
         m_captureSession->startRunning();
 }
 
+void CameraSource::releaseCamera()
+{
+    if (m_released || !m_capturedDevice)
+        return;
+    // An empty session in its place: the one that held the device winds down on its own.
+    m_captureSession = std::make_shared<CaptureSession>();
+    m_released = true;
+    systemLog(QStringLiteral("camera released: ") + m_capturedDevice->localizedName);
+}
+
+void CameraSource::reopenCamera()
+{
+    if (!m_released)
+        return;
+    systemLog(QStringLiteral("camera reopened: ") + m_capturedDevice->localizedName);
+    configureCapture(*m_capturedDevice);
+}
+
 void CameraSource::startCaptureSession(const CameraDevice &device, const QString &errorPrefix)
 {
+    m_capturedDevice = device;
+    m_released = false;
     QString error;
     auto input = CaptureDeviceInput::create(device, &error);
     if (!input) {

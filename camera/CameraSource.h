@@ -55,6 +55,12 @@ public:
     void configureCapture(const CameraDevice &device);
     // Starts the session again when it is not running.
     void resumeCapture();
+    // Lets the camera in use go (its device is closed, its light goes off) and keeps
+    // which one it was; reopenCamera() captures from it again. Nothing happens without a
+    // camera in use, or when it is already released.
+    void releaseCamera();
+    void reopenCamera();
+    bool isCameraReleased() const { return m_released; }
 
     const std::shared_ptr<CaptureSession> &captureSession() const { return m_captureSession; }
 
@@ -77,6 +83,9 @@ private:
     const std::function<bool()> m_streaming;
     std::vector<CameraDevice> m_videoDevices;
     std::optional<CameraDevice> m_selectedDevice;
+    // The camera the current session captures from, and whether it was let go.
+    std::optional<CameraDevice> m_capturedDevice;
+    bool m_released = false;
     std::shared_ptr<CaptureSession> m_captureSession;
     // While nobody reads the virtual camera, a camera picture is taken this often.
     static constexpr std::chrono::milliseconds kStandbyPictureInterval{500};

@@ -1,5 +1,6 @@
 #include "ui/ViewController.h"
 
+#include "camera/CameraRelease.h"
 #include "camera/CameraSource.h"
 #include "camera/FreezeEffect.h"
 #include "camera/VideoFileSource.h"
@@ -140,6 +141,32 @@ void ViewController::startVirtualCameraLink()
     m_requests->requestActivation();
     showVirtualCameraPreview();
     m_requests->warnIfExtensionNotActivated();
+
+    // The camera's light goes off while nobody sees its pictures: the window hidden and
+    // no reader of the virtual camera. Where the driver cannot tell whether anyone reads,
+    // the link always streams, and the camera stays on.
+    m_cameraRelease = std::make_unique<camera::CameraRelease>(
+        timersOr(m_services.timers), kCameraReleaseGrace,
+        camera::CameraRelease::Actions{[this] { return isVisible() || m_link->needToStream(); },
+                                       [this] { return m_camera->isCameraReleased(); },
+                                       [this] { m_camera->releaseCamera(); }, [this] { m_camera->reopenCamera(); },
+                                       [this] { m_link->pollStreamState(); }});
+    connect(this, &ViewController::stateChanged, this, [this] { m_cameraRelease->update(); });
+    m_cameraRelease->update();
+}
+
+void ViewController::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    if (m_cameraRelease)
+        m_cameraRelease->update();
+}
+
+void ViewController::hideEvent(QHideEvent *event)
+{
+    QWidget::hideEvent(event);
+    if (m_cameraRelease)
+        m_cameraRelease->update();
 }
 
 void ViewController::showConnectingPlaceholder()

@@ -3,6 +3,7 @@
 
 #include <QPointer>
 #include <QWidget>
+#include <chrono>
 #include <memory>
 
 class QComboBox;
@@ -12,6 +13,7 @@ class QPushButton;
 
 namespace vistrel {
 namespace camera {
+class CameraRelease;
 class CameraSource;
 class FreezeEffect;
 class VideoFileSource;
@@ -83,7 +85,14 @@ Q_SIGNALS:
     // camera changed; the shutter's switches each count.
     void stateChanged();
 
+protected:
+    void showEvent(QShowEvent *event) override;
+    void hideEvent(QHideEvent *event) override;
+
 private:
+    // How long the camera stays on after the window was hidden or the last reader left.
+    static constexpr std::chrono::seconds kCameraReleaseGrace{5};
+
     void showPicture(const QImage &picture);
     void showSentFrame(const std::shared_ptr<const vcam::PixelBuffer> &frame);
     void showVirtualCameraGone();
@@ -109,6 +118,7 @@ private:
     std::unique_ptr<camera::VideoFileSource> m_movie;
     std::unique_ptr<vcam::VirtualCameraLink> m_link;
     std::unique_ptr<ExtensionRequests> m_requests;
+    std::unique_ptr<camera::CameraRelease> m_cameraRelease;
     // Declared last so it goes first: its streaming thread asks the parts above.
     std::unique_ptr<camera::CameraSource> m_camera;
 };
