@@ -11,6 +11,7 @@
 #include <QDBusMessage>
 #include <QFileInfo>
 #include <QVariantMap>
+#include <algorithm>
 
 namespace vistrel {
 
@@ -65,6 +66,8 @@ DBusService::State DBusService::state() const
     now.moviePlaying = controller->videoFileSource().isPlayingVideo();
     if (const auto &device = controller->cameraSource().selectedDevice())
         now.camera = device->localizedName;
+    for (const camera::CameraDevice &device : controller->cameraSource().videoDevices())
+        now.cameras << device.localizedName;
     now.streaming = controller->link().needToStream();
     return now;
 }
@@ -136,6 +139,21 @@ void DBusService::ShowWindow()
         m_showWindow();
 }
 
+void DBusService::SelectCamera(const QString &name)
+{
+    ViewController *controller = readyController();
+    if (!controller)
+        return;
+    const auto &devices = controller->cameraSource().videoDevices();
+    const auto found = std::find_if(devices.begin(), devices.end(),
+                                    [&](const camera::CameraDevice &device) { return device.localizedName == name; });
+    if (found == devices.end()) {
+        sendErrorReply(QLatin1String(kNoSuchCamera), QStringLiteral("No camera is called \u201c%1\u201d.").arg(name));
+        return;
+    }
+    controller->selectCamera(static_cast<int>(found - devices.begin()));
+}
+
 void DBusService::announceChanges()
 {
     const State now = state();
@@ -150,6 +168,8 @@ void DBusService::announceChanges()
         changed.insert(QStringLiteral("MoviePlaying"), now.moviePlaying);
     if (now.camera != m_announced.camera)
         changed.insert(QStringLiteral("Camera"), now.camera);
+    if (now.cameras != m_announced.cameras)
+        changed.insert(QStringLiteral("Cameras"), now.cameras);
     if (now.streaming != m_announced.streaming)
         changed.insert(QStringLiteral("Streaming"), now.streaming);
     m_announced = now;

@@ -3,6 +3,7 @@
 #include <QDBusContext>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 #include <functional>
 
 namespace vistrel {
@@ -29,6 +30,7 @@ class DBusService final : public QObject, protected QDBusContext
     Q_PROPERTY(bool Stuttering READ stuttering)
     Q_PROPERTY(bool MoviePlaying READ moviePlaying)
     Q_PROPERTY(QString Camera READ camera)
+    Q_PROPERTY(QStringList Cameras READ cameras)
     Q_PROPERTY(bool Streaming READ streaming)
 public:
     static constexpr const char *kServiceName = "app.vistrel.Vistrel";
@@ -36,6 +38,7 @@ public:
     static constexpr const char *kInterface = "app.vistrel.Vistrel1";
     static constexpr const char *kNotReady = "app.vistrel.Vistrel1.Error.NotReady";
     static constexpr const char *kNotAMovie = "app.vistrel.Vistrel1.Error.NotAMovie";
+    static constexpr const char *kNoSuchCamera = "app.vistrel.Vistrel1.Error.NoSuchCamera";
 
     // `controller` answers the main window's controller, or nothing while there is none;
     // `showWindow` shows the main window below the status item.
@@ -53,6 +56,7 @@ public:
     bool stuttering() const { return state().stuttering; }
     bool moviePlaying() const { return state().moviePlaying; }
     QString camera() const { return state().camera; }
+    QStringList cameras() const { return state().cameras; }
     bool streaming() const { return state().streaming; }
 
 public Q_SLOTS:
@@ -63,6 +67,7 @@ public Q_SLOTS:
     Q_SCRIPTABLE void OpenMovie(const QString &path);
     Q_SCRIPTABLE void StopMovie();
     Q_SCRIPTABLE void ShowWindow();
+    Q_SCRIPTABLE void SelectCamera(const QString &name);
 
 private:
     struct State
@@ -71,6 +76,7 @@ private:
         bool stuttering = false;
         bool moviePlaying = false;
         QString camera;
+        QStringList cameras;
         bool streaming = false;
         bool operator==(const State &) const = default;
     };

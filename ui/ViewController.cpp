@@ -236,6 +236,12 @@ void ViewController::setupCameraControls()
     m_camera->useCamera(0);
 }
 
+void ViewController::selectCamera(int index)
+{
+    m_popUpButton->setCurrentIndex(index);
+    cameraSelected(m_popUpButton);
+}
+
 void ViewController::cameraSelected(QObject *)
 {
     m_camera->cameraSelected(m_popUpButton->currentIndex());

@@ -60,6 +60,8 @@ public:
     // movie before, or refuses it with an alert and changes nothing (answers false).
     bool openMovie(const QString &filePath);
     void stopVideoPlayback(QObject *sender);
+    // What picking the chooser's entry at `index` does.
+    void selectCamera(int index);
 
     // The parts, each with its own interface.
     camera::CameraSource &cameraSource() { return *m_camera; }

@@ -8,6 +8,7 @@
 #include <QDBusMessage>
 #include <QDBusReply>
 #include <QDBusVariant>
+#include <QXmlStreamReader>
 #include <gtest/gtest.h>
 
 using namespace vistrel::test;
@@ -115,6 +116,35 @@ private:
     QDBusConnection m_bus;
 };
 
+// The methods (with their argument types) and properties (with their types) of the
+// app's interface in an introspection document.
+QStringList interfaceMembers(const QString &xml)
+{
+    QStringList members;
+    QXmlStreamReader reader(xml);
+    bool inside = false;
+    while (!reader.atEnd()) {
+        reader.readNext();
+        const auto name = reader.name();
+        const auto attribute = [&](const char *key) {
+            return reader.attributes().value(QLatin1String(key)).toString();
+        };
+        if (reader.isStartElement() && name == u"interface")
+            inside = attribute("name") == kInterface;
+        else if (reader.isEndElement() && name == u"interface")
+            inside = false;
+        else if (inside && reader.isStartElement() && name == u"method")
+            members << QStringLiteral("method ") + attribute("name");
+        else if (inside && reader.isStartElement() && name == u"arg")
+            members.last() += u' ' + attribute("type");
+        else if (inside && reader.isStartElement() && name == u"property")
+            members
+                << QStringLiteral("property %1 %2 %3").arg(attribute("name"), attribute("type"), attribute("access"));
+    }
+    members.sort();
+    return members;
+}
+
 struct CommandRun
 {
     int exitCode = -1;
@@ -199,6 +229,25 @@ TEST(DBusTest, MethodsWorkTheControlsAndChangesAreAnnounced)
     EXPECT_TRUE(changes.waitFor(QStringLiteral("MoviePlaying"), true));
     vistrel.call(QStringLiteral("StopMovie"));
     EXPECT_TRUE(changes.waitFor(QStringLiteral("MoviePlaying"), false));
+
+    // A camera nobody has: an error naming it, and the camera in use stays.
+    const QVariant camera = vistrel.property(QStringLiteral("Camera"));
+    const QDBusMessage unknown = vistrel.call(QStringLiteral("SelectCamera"), {QStringLiteral("No Such Camera")});
+    EXPECT_EQ(unknown.errorName(), QStringLiteral("app.vistrel.Vistrel1.Error.NoSuchCamera"));
+    EXPECT_TRUE(unknown.errorMessage().contains(QStringLiteral("No Such Camera")));
+    EXPECT_EQ(vistrel.property(QStringLiteral("Camera")), camera);
+    EXPECT_EQ(vistrel.property(QStringLiteral("Cameras")).metaType(), QMetaType::fromType<QStringList>());
+
+    // The interface file shipped for callers describes the interface the app has.
+    QDBusMessage introspect = QDBusMessage::createMethodCall(
+        kService, kPath, QStringLiteral("org.freedesktop.DBus.Introspectable"), QStringLiteral("Introspect"));
+    const QDBusMessage live = bus.connection().call(introspect, QDBus::Block, 10000);
+    ASSERT_EQ(live.arguments().size(), 1);
+    const QStringList exported = interfaceMembers(live.arguments().first().toString());
+    EXPECT_GE(exported.size(), 14);
+    EXPECT_EQ(interfaceMembers(QString::fromUtf8(
+                  readFile(QStringLiteral(VISTREL_SOURCE_DIR "/resources/dbus/app.vistrel.Vistrel1.xml")))),
+              exported);
 }
 
 // During onboarding there is no camera window to work: every method says so.
@@ -215,8 +264,11 @@ TEST(DBusTest, BeforeTheCameraWindowMethodsAnswerNotReady)
         const QDBusMessage reply = vistrel.call(QLatin1String(method));
         EXPECT_EQ(reply.errorName(), QStringLiteral("app.vistrel.Vistrel1.Error.NotReady")) << method;
     }
-    EXPECT_EQ(vistrel.call(QStringLiteral("SetFrozen"), {true}).errorName(),
-              QStringLiteral("app.vistrel.Vistrel1.Error.NotReady"));
+    for (const auto &[method, argument] :
+         {std::pair{"SetFrozen", QVariant(true)}, std::pair{"SelectCamera", QVariant(QStringLiteral("Camera"))}})
+        EXPECT_EQ(vistrel.call(QLatin1String(method), {argument}).errorName(),
+                  QStringLiteral("app.vistrel.Vistrel1.Error.NotReady"))
+            << method;
     EXPECT_EQ(vistrel.property(QStringLiteral("Frozen")), QVariant(false));
 }
 

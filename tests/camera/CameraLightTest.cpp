@@ -26,7 +26,10 @@ protected:
         const auto &session = vc->cameraSource().captureSession();
         return session && session->isRunning();
     }
-    bool waitRunning() { return QTest::qWaitFor([&] { return running(); }, 5000); }
+    bool waitRunning()
+    {
+        return QTest::qWaitFor([&] { return running(); }, 5000);
+    }
 
     SimulatedExtension sim;
 };
