@@ -3,7 +3,6 @@
 // delegate's launch sequence from the event loop.
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
-#include "app/ControlSocket.h"
 #include "app/DBusService.h"
 #include "app/LinuxPlatform.h"
 #include "app/TerminationSignals.h"
@@ -82,20 +81,7 @@ int main(int argc, char *argv[])
     services.extensionManager = &extensionManager;
     services.virtualCamera = &virtualCamera;
 
-    // Scripted runs (the lab) drive the main window's controls through a local socket;
-    // only when VISTREL_CONTROL_SOCKET names one.
-    AppDelegate *mainDelegate = nullptr;
-    std::unique_ptr<ControlSocket> controlSocket =
-        ControlSocket::fromEnvironment(fileDialogs, [&mainDelegate]() -> ViewController * {
-            if (!mainDelegate || !mainDelegate->mainWindowController())
-                return nullptr;
-            return mainDelegate->mainWindowController()->contentViewController();
-        });
-    if (controlSocket)
-        services.fileDialogs = &controlSocket->fileDialogs();
-
     AppDelegate delegate(services);
-    mainDelegate = &delegate;
     delegate.setSingleInstance(&singleInstance);
     QObject::connect(&singleInstance, &SingleInstance::activationRequested, &delegate,
                      &AppDelegate::applicationShouldHandleReopen);

@@ -5,8 +5,7 @@
 namespace vistrel::camera {
 
 CameraRelease::CameraRelease(Timers &timers, std::chrono::milliseconds grace, Actions actions)
-    : m_actions(std::move(actions)),
-      m_grace(timers.repeating(grace, Qt::CoarseTimer, [this] { graceOver(); })),
+    : m_actions(std::move(actions)), m_grace(timers.repeating(grace, Qt::CoarseTimer, [this] { graceOver(); })),
       m_probe(timers.repeating(kProbeInterval, Qt::CoarseTimer, [this] { m_actions.probe(); }))
 {}
 

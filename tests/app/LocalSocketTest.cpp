@@ -1,9 +1,7 @@
 // Where the single-instance socket lives and which socket files the app trusts,
-// replaces or leaves alone (the single instance and the lab's control socket).
-#include "app/ControlSocket.h"
+// replaces or leaves alone.
 #include "app/SingleInstance.h"
 
-#include "ScriptedFileDialogs.h"
 #include "SystemLogCapture.h"
 #include "TestHome.h"
 
@@ -145,18 +143,6 @@ TEST(LocalSocketTest, OnlyTheUsersOwnSocketsAreTrustedOrReplaced)
             expected << QStringLiteral("single instance: cannot listen on ") + path + QStringLiteral(" (") + why + u')';
         EXPECT_EQ(log.lines(), expected);
         instance.release();
-        ASSERT_TRUE(squatter != StaleOwnSocket
-                    || makeStaleSocket(path)); // another crash's leftover, for the control socket
-
-        // The lab's control socket follows the same rule and says why it stays closed.
-        const ScopedEnv variable(ControlSocket::kEnvironmentVariable, path);
-        test::ScriptedFileDialogs dialogs;
-        test::SystemLogCapture controlLog;
-        EXPECT_EQ(ControlSocket::fromEnvironment(dialogs, [] { return nullptr; }) != nullptr, ours);
-        EXPECT_EQ(
-            controlLog.lines(),
-            QStringList{ours ? QStringLiteral("control socket listening on ") + path
-                             : QStringLiteral("control socket ") + path + QStringLiteral(" not available: ") + why});
         if (squatter == RegularFile) {
             EXPECT_EQ(test::readFile(path), notes);
         }

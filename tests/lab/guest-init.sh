@@ -79,6 +79,7 @@ session() {
   run_test "streaming-gate[$label]" "test_streaming_gate_$gated" 2
   run_test "camera-in[$label]" test_camera_in 2
   run_test "freeze[$label]" test_freeze 2
+  run_test "camera-light[$label]" "test_camera_light_$gated"
   if [ "$gated" = no ]; then
     run_test "stutter[$label]" test_stutter 2
     run_test "movie[$label]" test_movie

@@ -6,7 +6,11 @@
 
 LB_NR=10
 LB=/dev/video$LB_NR
-SOCK=/tmp/vistrel-control
+# The session bus the app is driven through (Vistrel's own command line and its D-Bus
+# interface), and the prefix that runs a command as the app's user ("" for root's app).
+BUS=unix:path=/tmp/xdg/bus
+ON_BUS=
+BUS_PID=
 APP_LOG=/tmp/vistrel.log
 APP_PID=
 FRAME_BYTES=$((1280 * 720 * 2))   # one 1280x720 YUYV frame
@@ -22,7 +26,18 @@ MIN_FPS=24
 
 uptime_s() { cut -d' ' -f1 /proc/uptime; }
 note() { echo "LAB:   [$T_NAME] $*"; }
-ctl() { vistrel-ctl "$SOCK" "$@"; }
+# vistrel ARGS...: the installed command line, talking to the running app over $BUS
+vistrel_cmd() { $ON_BUS env DBUS_SESSION_BUS_ADDRESS="$BUS" /usr/bin/vistrel "$@"; }
+app_status() { vistrel_cmd --status 2>&1; }
+status_has() { app_status | grep -qw "$1"; }
+# bus_call MEMBER ARGS...: a call on the app's object, as dbus-send prints its answer
+bus_call() { $ON_BUS dbus-send --bus="$BUS" --print-reply --dest=app.vistrel.Vistrel /app/vistrel/Vistrel "$@" 2>&1; }
+# the cameras of the window's chooser, one per line
+cameras() { bus_call org.freedesktop.DBus.Properties.Get string:app.vistrel.Vistrel1 string:Cameras \
+  | sed -n 's/^ *string "\(.*\)"$/\1/p'; }
+# start_bus: a session bus at $BUS for the app's user
+start_bus() { BUS_PID=$($ON_BUS dbus-daemon --session --fork --address="$BUS" --print-pid 2>/dev/null); }
+stop_bus() { [ -n "$BUS_PID" ] && kill "$BUS_PID" 2>/dev/null; BUS_PID=; true; }
 
 # ---------------------------------------------------------------- test bookkeeping
 # run_test NAME FUNCTION [TRIES]: runs the function; it records failures with `expect` and may
@@ -75,21 +90,23 @@ end_pid() {
   wait "$1" 2>/dev/null
 }
 app_alive() { [ -n "$APP_PID" ] && kill -0 "$APP_PID" 2>/dev/null; }
-chooser_filled() { local a; a=$(ctl cameras 2>/dev/null) && [ "$a" != ok ]; }
+chooser_filled() { [ -n "$(cameras)" ]; }
 
 start_app() {
-  rm -rf /tmp/home /tmp/xdg "$SOCK"; mkdir -p /tmp/home/.config/Vistrel /tmp/xdg; chmod 700 /tmp/xdg
+  stop_bus
+  rm -rf /tmp/home /tmp/xdg; mkdir -p /tmp/home/.config/Vistrel /tmp/xdg; chmod 700 /tmp/xdg
+  start_bus || { note "no session bus at $BUS"; return 1; }
   # onboarding done and the extension installed: the app takes the main-window path at once
   printf '[General]\nonboardingComplete=true\nextensionInstalled=true\n' >/tmp/home/.config/Vistrel/Vistrel.conf
   (cd /tmp/home && exec env HOME=/tmp/home XDG_RUNTIME_DIR=/tmp/xdg QT_QPA_PLATFORM=offscreen \
-     VISTREL_UPDATE_URL=http://127.0.0.1:9/updates/latest.json VISTREL_CONTROL_SOCKET="$SOCK" \
+     VISTREL_UPDATE_URL=http://127.0.0.1:9/updates/latest.json DBUS_SESSION_BUS_ADDRESS="$BUS" \
      /usr/bin/vistrel) >"$APP_LOG" 2>&1 &
   APP_PID=$!
   local t0; t0=$(uptime_s)
   if wait_for 90 chooser_filled; then
     note "vistrel (pid $APP_PID) up, chooser filled after $(echo "$(uptime_s) $t0" | awk '{printf "%.1f", $1-$2}')s"
   else
-    note "vistrel did not fill its camera chooser within 90 s (alive: $(app_alive && echo yes || echo no); control: $(ctl cameras 2>&1))"
+    note "vistrel did not fill its camera chooser within 90 s (alive: $(app_alive && echo yes || echo no); status: $(app_status))"
     tail -n 20 "$APP_LOG" | sed 's/^/LAB:     app: /'
   fi
 }
@@ -106,6 +123,7 @@ stop_app() {
     echo "LAB: vistrel (pid $APP_PID) did not finish exiting (state $(awk '{print $3}' "/proc/$APP_PID/stat" 2>/dev/null), in $(cat "/proc/$APP_PID/wchan" 2>/dev/null)); left behind"
   fi
   APP_PID=
+  stop_bus
 }
 load_loopback() { # loader args...
   unload_loopback
@@ -263,20 +281,18 @@ picture_is_live() {
 }
 pick_vivid() {
   picture_is_live && return 0
-  local cams i=0 name; cams=$(ctl cameras); cams=${cams#ok }
-  while IFS= read -r name; do
-    if echo "$name" | grep -qi vivid; then note "picture not live: select $i -> $(ctl select $i)"; sleep 2; picture_is_live; return; fi
-    i=$((i + 1))
-  done < <(echo "$cams" | sed 's/ | /\n/g')
-  note "no vivid in the chooser: $cams"; return 1
+  local name; name=$(cameras | grep -i -m1 vivid)
+  [ -n "$name" ] || { note "no vivid in the chooser: $(cameras | paste -sd'|')"; return 1; }
+  note "picture not live: SelectCamera \"$name\" -> $(bus_call app.vistrel.Vistrel1.SelectCamera string:"$name" | tail -n1)"
+  sleep 2; picture_is_live
 }
 
 test_camera_in() {
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
-  local cams; cams=$(ctl cameras)
-  note "chooser: $cams"
+  local cams; cams=$(cameras)
+  note "chooser (D-Bus Cameras): $(echo "$cams" | paste -sd'|')"
   expect "vivid is listed in the chooser" sh -c "echo '$cams' | grep -qi vivid"
-  expect "the loopback device (Vistrel) is not listed" sh -c "! echo '${cams#ok }' | tr '|' '\n' | sed 's/^ *//; s/ *$//' | grep -qx Vistrel"
+  expect "the loopback device (Vistrel) is not listed" sh -c "! echo '$cams' | grep -qx Vistrel"
   frames_md5 90 /tmp/cam.md5
   local n d size fps run; read -r n d size fps run <<<"$(md5_stats /tmp/cam.md5)"
   expect "90 frames read" [ "$n" = 90 ]
@@ -295,8 +311,8 @@ test_freeze() {
   # distinct pictures tell a live camera from a held one.
   read -r n d size <<<"$(until_distinct 3 30 /tmp/live.md5)"
   expect "live before Freeze ($d distinct in $n frames, 3 wanted)" at_least "$d" 3
-  a=$(ctl freeze); note "freeze -> $a"
-  expect "Freeze pressed (button now reads Unfreeze)" [ "$a" = "ok Unfreeze" ]
+  a=$(vistrel_cmd --freeze on 2>&1); note "vistrel --freeze on -> rc=$? $a"
+  expect "frozen over the session bus ($(app_status))" status_has frozen=true
   # a camera picture converted just before the press may still land (by design); let it pass
   sleep 1.5
   # A new reader first gets what the device still holds from before the press (v4l2loopback
@@ -308,20 +324,20 @@ test_freeze() {
   expect "frozen: $n frames all byte-identical (distinct $d)" sh -c "[ $n = 60 ] && [ $d = 1 ]"
   local frozen="$n frames, $d distinct at $fps fps"
   local hash; hash=$(awk -F', *' '/^[0-9]/{print $6; exit}' /tmp/frozen.md5)
-  a=$(ctl freeze); note "freeze -> $a"
-  expect "Unfreeze pressed (button now reads Freeze)" [ "$a" = "ok Freeze" ]
+  a=$(vistrel_cmd --freeze off 2>&1); note "vistrel --freeze off -> rc=$? $a"
+  expect "released over the session bus ($(app_status))" status_has frozen=false
   sleep 0.5
   read -r n d size <<<"$(until_distinct 5 40 /tmp/thawed.md5)"
   expect "after Unfreeze the frames change again ($d distinct in $n frames, 5 wanted)" at_least "$d" 5
   expect "and leave the frozen picture" sh -c "[ \$(grep -c '$hash' /tmp/thawed.md5) -le 2 ]"
-  summary "frozen: $frozen; after Unfreeze: $n frames, $d distinct"
+  summary "over D-Bus: frozen: $frozen; after --freeze off: $n frames, $d distinct"
 }
 
 test_stutter() {
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
   expect "the picture is live (vivid picked in the chooser if need be)" pick_vivid
-  local a; a=$(ctl stutter); note "stutter -> $a"
-  expect "Stutter pressed (button now reads Stop)" [ "$a" = "ok Stop" ]
+  local a; a=$(vistrel_cmd --stutter on 2>&1); note "vistrel --stutter on -> rc=$? $a"
+  expect "stuttering over the session bus" status_has stuttering=true
   frames_md5 240 /tmp/stutter.md5
   # runs of identical frames with their durations
   awk -F', *' '/^#tb/{split($0,x,"/"); tb=1/x[2]} /^[0-9]/{t=$3*tb; if($6!=prev){if(n)print start, last-start+1/30, n; start=t; n=0} n++; last=t; prev=$6}
@@ -349,8 +365,8 @@ test_stutter() {
   # each period only has to stay well clear of one or three seconds.
   local mean; mean=$(echo "$periods" | awk '{for(i=1;i<=NF;i++)s+=$i; if(NF)printf "%.2f", s/NF}')
   expect "the picture is released every ~2 s (mean $mean in 1.7..2.3, each in 1.2..2.8)" sh -c "[ -n '$periods' ] && awk -v v='$mean' 'BEGIN{exit !(v>=1.7 && v<=2.3)}' && for v in $periods; do awk -v v=\$v 'BEGIN{exit !(v>=1.2 && v<=2.8)}' || exit 1; done"
-  a=$(ctl stutter); note "stutter -> $a"
-  expect "Stop pressed (button reads Stutter again)" [ "$a" = "ok Stutter" ]
+  a=$(vistrel_cmd --stutter off 2>&1); note "vistrel --stutter off -> rc=$? $a"
+  expect "Stutter stopped over the session bus" status_has stuttering=false
   sleep 0.5
   frames_md5 60 /tmp/after-stutter.md5
   local n d size fps run; read -r n d size fps run <<<"$(md5_stats /tmp/after-stutter.md5)"
@@ -362,6 +378,62 @@ test_stutter() {
   summary "$frozen frozen runs, inner ones ${lens}s, live ${live}s, between releases ${periods}s"
 }
 
+# The camera's light. 0.13+: with the window hidden and no reader, Vistrel lets the real camera
+# (vivid) go after a 5 s grace and takes it back when a reader starts; the reader gets live
+# frames soon after. 0.12 reports no readers: the camera stays open.
+camera_held() { ls -l "/proc/$APP_PID/fd" 2>/dev/null | grep -q " -> $VIVID\$"; }
+cpu_ticks() { awk '{print $14 + $15}' "/proc/$APP_PID/stat"; }
+since() { echo "$(uptime_s) $1" | awk '{printf "%.2f", $1 - $2}'; }
+# new_pictures FILE FROM: pictures in FILE after line FROM that none of the first FROM frames showed
+new_pictures() { awk -F', *' -v from="$2" '/^[0-9]/{n++; if(n<=from){old[$6]=1} else if(!($6 in old) && !($6 in seen)){seen[$6]=1; d++}} END{print d+0}' "$1"; }
+test_camera_light() {
+  local gated=$1
+  app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
+  vistrel_cmd --freeze off >/dev/null 2>&1
+  frames_md5 5 /tmp/light-pre.md5
+  expect "Vistrel holds vivid ($VIVID) once a reader has read" wait_for 10 camera_held
+  if [ "$gated" != yes ]; then
+    sleep 10
+    expect "no reader count: the camera stays open 10 s after the last reader" camera_held
+    summary "no reader count: camera kept open"
+    return
+  fi
+  local t0; t0=$(uptime_s)
+  expect "no reader, window hidden: the camera is let go (5 s grace)" wait_for 20 eval '! camera_held'
+  local gone; gone=$(since "$t0")
+  # CPU with the camera released, nobody reading
+  local c0 c1 t1 hz; hz=$(getconf CLK_TCK); c0=$(cpu_ticks); t1=$(uptime_s); sleep 20
+  local cpu; cpu=$(echo "$(cpu_ticks) $c0 $hz $(since "$t1")" | awk '{printf "%.2f", ($1 - $2) / $3 / $4 * 100}')
+  expect "still released 20 s later" eval '! camera_held'
+  # a reader starts: the camera opens again and live pictures reach it
+  local start; start=$(uptime_s)
+  timeout 60 ffmpeg -hide_banner -nostdin -loglevel error -y -f v4l2 -i "$LB" -fps_mode passthrough \
+    -frames:v 300 -flush_packets 1 -f framemd5 /tmp/light.md5 2>/tmp/light.err &
+  local reader=$! opened=- live=- at
+  if wait_for 20 camera_held; then
+    opened=$(since "$start"); at=$(grep -cE '^[0-9]' /tmp/light.md5 2>/dev/null || echo 0)
+    wait_for 20 eval '[ "$(new_pictures /tmp/light.md5 '"$at"')" -ge 2 ]' && live=$(since "$start")
+  fi
+  end_pid $reader
+  # frozen across a release: frozen now, released, then read
+  vistrel_cmd --freeze on >/dev/null 2>&1
+  wait_for 20 eval '! camera_held'
+  frames_md5 40 /tmp/light-frozen.md5
+  local n d; read -r n d _ <<<"$(md5_stats /tmp/light-frozen.md5)"
+  local frozen_after; frozen_after=$(awk -F', *' '/^[0-9]/{if(++n>10 && !($6 in s)){s[$6]=1; d++}} END{print d+0}' /tmp/light-frozen.md5)
+  vistrel_cmd --freeze off >/dev/null 2>&1
+  note "released ${gone}s after the last reader left; CPU while released ${cpu}% of a core; reader: camera open after ${opened}s, live pictures after ${live}s"
+  local budget=1.5 cpu_budget=0.2
+  # Under emulation the guest runs ~10-20x slower than the host: the same work takes longer.
+  [ "${ACCEL:-tcg}" = tcg ] && budget=4 cpu_budget=3
+  expect "live frames at a new reader within ${budget} s (${live} s)" at_most "$live" "$budget"
+  expect "CPU with the camera released <= ${cpu_budget}% of a core (${cpu}%)" at_most "$cpu" "$cpu_budget"
+  expect "frozen across the release: one picture after the first 10 frames ($frozen_after in $((n - 10)))" [ "$frozen_after" = 1 ]
+  summary "released ${gone}s after the last reader; CPU released ${cpu}%; new reader: camera ${opened}s, live ${live}s; frozen across: $frozen_after picture"
+}
+test_camera_light_yes() { test_camera_light yes; }
+test_camera_light_no() { test_camera_light no; }
+
 # A movie whose brightness ramps up over 2 s: forwards the readers see the ramp rise, backwards fall.
 make_movie() {
   [ -f "$MOVIE" ] && return 0
@@ -372,8 +444,8 @@ make_movie() {
 test_movie() {
   app_alive || { T_FAILED=1; note "vistrel is not running"; return; }
   expect "a test movie was made" make_movie
-  local a; a=$(ctl open "$MOVIE"); note "open -> $a"
-  expect "Open Movie pressed with the file chosen" sh -c "echo '$a' | grep -q '^ok'"
+  local a; a=$(vistrel_cmd --movie "$MOVIE" 2>&1); note "vistrel --movie $MOVIE -> rc=$? $a"
+  expect "the movie plays ($(app_status))" status_has movie=true
   timeout 90 ffmpeg -hide_banner -nostdin -loglevel error -y -f v4l2 -i "$LB" -frames:v 300 \
     -vf "signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=/tmp/movie.yavg" -f null - 2>/tmp/movie.err
   grep -o 'YAVG=[0-9.]*' /tmp/movie.yavg | cut -d= -f2 >/tmp/movie.y
@@ -391,8 +463,8 @@ test_movie() {
   local ups downs; read -r ups downs <<<"$verdict"
   expect "the movie reached the reader forwards ($ups rising passes)" at_least "$ups" 1
   expect "and then backwards ($downs falling passes)" at_least "$downs" 1
-  a=$(ctl stop); note "stop -> $a"
-  expect "Stop Movie pressed" [ "$a" = "ok Stop Movie" ]
+  a=$(vistrel_cmd --stop-movie 2>&1); note "vistrel --stop-movie -> rc=$? $a"
+  expect "the movie stopped" status_has movie=false
   summary "$(wc -l </tmp/movie.y) frames: $ups rising and $downs falling passes"
 }
 
@@ -423,8 +495,10 @@ test_fault() {
   note "reader killed with SIGKILL while streaming"
   sleep 3
   expect "vistrel keeps running" app_alive
-  local a; a=$(ctl freeze); a=$a/$(ctl freeze)
-  expect "and answers its controls ($a)" [ "$a" = "ok Unfreeze/ok Freeze" ]
+  local on off; vistrel_cmd --freeze on >/dev/null 2>&1; on=$(app_status)
+  vistrel_cmd --freeze off >/dev/null 2>&1; off=$(app_status)
+  expect "and answers its controls (frozen, then not: $on / $off)" \
+    sh -c "echo '$on' | grep -qw frozen=true && echo '$off' | grep -qw frozen=false"
   frames_md5 30 /tmp/after-fault.md5
   local n d size fps run; read -r n d size fps run <<<"$(md5_stats /tmp/after-fault.md5)"
   expect "a new reader gets frames ($n of 30)" [ "$n" = 30 ] || note "reader: $(tail -c 300 /tmp/after-fault.md5.err)"
@@ -438,8 +512,8 @@ test_fault() {
   note "frames written in the 6 s after the removal (whole frames of bytes written): $(( $(frames_written) - before ))"
   expect "the device is gone" test ! -e "$LB"
   expect "vistrel keeps running" app_alive
-  a=$(ctl freeze); note "freeze -> $a"
-  expect "and answers its controls" [ "$a" = "ok Unfreeze" ]
+  a=$(vistrel_cmd --freeze on 2>&1); note "vistrel --freeze on -> rc=$? $a"
+  expect "and answers its controls ($(app_status))" status_has frozen=true
   local logged; logged=$(grep -E "$LB" "$APP_LOG" | grep -iE 'fail|error' | tail -n 2 | tr '\n' ' ')
   local after; after=$(( $(frames_written) - before ))
   local late; read -r late _ <<<"$(written_during 3)"
@@ -464,7 +538,8 @@ test_fault() {
 LAB_USER=vistrel-lab
 LAB_HOME=/home/$LAB_USER
 LAB_RUNTIME=/tmp/xdg-$LAB_USER
-USER_SOCK=$LAB_RUNTIME/vistrel-control
+USER_BUS=unix:path=$LAB_RUNTIME/bus
+USER_BUS_PID=
 USER_LOG=/tmp/vistrel-user.log
 TRACE=$LAB_HOME/vistrel-trace.log
 POLKIT_RULE=/etc/polkit-1/rules.d/50-vistrel-lab.rules
@@ -473,7 +548,7 @@ DESKTOP_UP=
 
 as_user() {
   runuser -u "$LAB_USER" -- env -i PATH=/usr/bin:/bin HOME="$LAB_HOME" USER="$LAB_USER" LOGNAME="$LAB_USER" \
-    LANG=C.UTF-8 DISPLAY=:1 XDG_RUNTIME_DIR="$LAB_RUNTIME" "$@"
+    LANG=C.UTF-8 DISPLAY=:1 XDG_RUNTIME_DIR="$LAB_RUNTIME" DBUS_SESSION_BUS_ADDRESS="$USER_BUS" "$@"
 }
 polkit_answers() { dbus-send --system --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \
   org.freedesktop.DBus.NameHasOwner string:org.freedesktop.PolicyKit1 2>/dev/null | grep -q 'boolean true'; }
@@ -514,9 +589,10 @@ stop_user_app() {
 start_user_app() { # fresh: a new home, so the first start takes the set-up path
   stop_user_app
   if [ "${1:-}" = fresh ]; then rm -rf "$LAB_HOME"; mkdir -p "$LAB_HOME"; chown "$LAB_USER:" "$LAB_HOME"; fi
-  rm -f "$USER_SOCK"
+  [ -n "$USER_BUS_PID" ] && kill -0 "$USER_BUS_PID" 2>/dev/null \
+    || USER_BUS_PID=$(as_user dbus-daemon --session --fork --address="$USER_BUS" --print-pid 2>/dev/null)
   as_user sh -c "cd && exec env QT_QPA_PLATFORM=xcb VISTREL_UPDATE_URL=http://127.0.0.1:9/updates/latest.json \
-    VISTREL_CONTROL_SOCKET=$USER_SOCK /usr/bin/vistrel" >>"$USER_LOG" 2>&1 &
+    /usr/bin/vistrel" >>"$USER_LOG" 2>&1 &
 }
 window_shown() { as_user xdotool search --onlyvisible --name "^$1\$" 2>/dev/null | tail -n1; }
 # press TITLE KEY...: waits for the window titled so, makes it the active window (openbox
@@ -617,14 +693,14 @@ test_setup_granted() {
   local steps; steps=$(grep -oE 'taking [A-Z ]+ path|sysext finished result=[0-9]+|onboarding completed' "$TRACE" | paste -sd, -)
   note "trace: $steps"
   # the main path's camera feeds the new device: a reader gets live frames
-  local keep_lb=$LB keep_sock=$SOCK
-  LB=$node SOCK=$USER_SOCK
+  local keep_lb=$LB keep_bus=$BUS
+  LB=$node BUS=$USER_BUS ON_BUS=as_user
   expect "the main window answers its controls" wait_for 90 chooser_filled
   expect "the picture is live at $node (vivid picked in the chooser if need be)" pick_vivid
   local n d size; read -r n d size <<<"$(until_distinct 5 60 /tmp/setup.md5)"
   expect "a reader gets 1280x720 YUYV frames from $node ($n frames, $d distinct, $size bytes each)" \
     sh -c "[ $n -ge 30 ] && [ $d -ge 5 ] && [ $size = $FRAME_BYTES ]"
-  LB=$keep_lb SOCK=$keep_sock
+  LB=$keep_lb BUS=$keep_bus ON_BUS=
   stop_user_app
   summary "$before -> $node; $steps; reader: $n frames, $d distinct"
 }
@@ -649,6 +725,7 @@ test_purge() {
 # extension.
 setup_cleanup() {
   stop_user_app
+  [ -n "$USER_BUS_PID" ] && kill "$USER_BUS_PID" 2>/dev/null; USER_BUS_PID=
   rm -f "$POLKIT_RULE"
   [ -n "$(helper_files)$(vistrel_nodes)" ] && "$HELPER" deactivate "$EXTENSION_ID" >/dev/null 2>&1
   unload_loopback
