@@ -24,21 +24,26 @@ QIcon symbol(const QString &path)
 } // namespace
 
 StatusMenu::StatusMenu(QSystemTrayIcon *statusItem, std::function<void()> showWindow, QObject *parent)
-    : QObject(parent), m_statusItem(statusItem), m_showWindow(std::move(showWindow)), m_menu(std::make_unique<QMenu>()),
+    : QObject(parent), m_statusItem(statusItem), m_showWindow(std::move(showWindow)), m_menu(new QMenu),
       m_plainIcon(symbol(QStringLiteral(":/images/snowflake.svg"))),
       m_heldIcon(symbol(QStringLiteral(":/images/snowflake-held.svg")))
 {
     if (m_heldIcon.isNull())
         m_heldIcon = m_plainIcon;
 
-    m_freeze = m_menu->addAction(QStringLiteral("Freeze"));
+    const auto addItem = [this](const QString &text) {
+        auto *action = new QAction(text, this);
+        m_menu->addAction(action);
+        return action;
+    };
+    m_freeze = addItem(QStringLiteral("Freeze"));
     m_freeze->setCheckable(true);
-    m_stutter = m_menu->addAction(QStringLiteral("Stutter"));
+    m_stutter = addItem(QStringLiteral("Stutter"));
     m_stutter->setCheckable(true);
     m_menu->addSeparator();
-    QAction *show = m_menu->addAction(QStringLiteral("Show Window"));
+    QAction *show = addItem(QStringLiteral("Show Window"));
     m_menu->addSeparator();
-    m_exit = m_menu->addAction(QStringLiteral("Exit"));
+    m_exit = addItem(QStringLiteral("Exit"));
 
     // A checkable item checks itself when chosen; the controller's state then sets the
     // mark back to what it really is.
@@ -58,14 +63,15 @@ StatusMenu::StatusMenu(QSystemTrayIcon *statusItem, std::function<void()> showWi
             m_controller->closeApp();
     });
 
-    m_statusItem->setContextMenu(m_menu.get());
+    m_statusItem->setContextMenu(m_menu);
     update();
 }
 
 StatusMenu::~StatusMenu()
 {
-    if (m_statusItem->contextMenu() == m_menu.get())
+    if (m_menu && m_statusItem->contextMenu() == m_menu)
         m_statusItem->setContextMenu(nullptr);
+    delete m_menu;
 }
 
 void StatusMenu::follow(ViewController *controller)

@@ -3,7 +3,6 @@
 #include <QObject>
 #include <QPointer>
 #include <functional>
-#include <memory>
 
 class QAction;
 class QMenu;
@@ -46,7 +45,9 @@ private:
     QSystemTrayIcon *m_statusItem;
     std::function<void()> m_showWindow;
     QPointer<ViewController> m_controller;
-    std::unique_ptr<QMenu> m_menu;
+    // Top-level, so not owned by a parent; whoever closes every top-level widget may
+    // delete it first. The items are this object's, so they outlive the menu.
+    QPointer<QMenu> m_menu;
     QAction *m_freeze = nullptr;
     QAction *m_stutter = nullptr;
     QAction *m_exit = nullptr;
