@@ -10,6 +10,7 @@
 #include "onboarding/OnboardingManager.h"
 #include "sysext/ExtensionProbes.h"
 #include "ui/MainWindowController.h"
+#include "ui/StatusMenu.h"
 #include "ui/ViewController.h"
 
 #include <QApplication>

@@ -12,6 +12,7 @@ class QWidget;
 
 namespace vistrel {
 class MainWindowController;
+class StatusMenu;
 class ViewController;
 namespace sysext {
 struct ExtensionRequestError;
@@ -64,6 +65,8 @@ Q_SIGNALS:
 
 private:
     void toggleMainWindowFromStatusItem();
+    // Shows the main window below the status item, preparing it first when there is none.
+    void prepareAndShowMainWindow();
     void startUpdateCheck();
     void showOnboardingWindow();
     void showSettingsAlert(const QString &title, const QString &text);
@@ -72,6 +75,8 @@ private:
     Services m_services;
     QPointer<SingleInstance> m_singleInstance;
     std::unique_ptr<QSystemTrayIcon> m_statusItem;
+    // Declared after the status item it drives, so it goes first.
+    std::unique_ptr<StatusMenu> m_statusMenu;
     QPointer<MainWindowController> m_mainWindowController;
     bool m_onboardingInProgress = false;
     bool m_needsOnboarding = false;

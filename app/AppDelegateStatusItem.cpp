@@ -7,11 +7,12 @@
 #include "onboarding/OnboardingCoordinator.h"
 #include "onboarding/OnboardingManager.h"
 #include "ui/MainWindowController.h"
+#include "ui/StatusMenu.h"
+#include "ui/ViewController.h"
 
 #include <QAbstractButton>
 #include <QApplication>
 #include <QGuiApplication>
-#include <QIcon>
 #include <QScreen>
 #include <QSystemTrayIcon>
 #include <QWidget>
@@ -29,15 +30,13 @@ constexpr double kClockTolerance = 1e-6;
 
 void AppDelegate::setupStatusItem()
 {
+    m_statusMenu.reset();
     m_statusItem = std::make_unique<QSystemTrayIcon>();
-    QIcon snowflake(QStringLiteral(":/images/snowflake.svg"));
-    if (!snowflake.pixmap(QSize(22, 22)).isNull()) {
-        // Monochrome: trays that tint symbolic icons may recolour it.
-        snowflake.setIsMask(true);
-        m_statusItem->setIcon(snowflake);
-    }
-    m_statusItem->setToolTip(QStringLiteral("Vistrel"));
-    // No menu: every left click goes to the action.
+    // The icon, the tooltip and the right-click menu; a left click never opens the menu.
+    m_statusMenu = std::make_unique<StatusMenu>(m_statusItem.get(), [this] { prepareAndShowMainWindow(); });
+    connect(this, &AppDelegate::mainWindowPrepared, m_statusMenu.get(), &StatusMenu::follow);
+    if (m_mainWindowController)
+        m_statusMenu->follow(m_mainWindowController->contentViewController());
     connect(m_statusItem.get(), &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
         if (reason == QSystemTrayIcon::Trigger)
             statusItemClicked();
@@ -63,11 +62,14 @@ void AppDelegate::toggleMainWindowFromStatusItem()
             m_popupHideTimestamp = now;
             return;
         }
-        showMainWindowBelowStatusItem();
-        return;
     }
+    prepareAndShowMainWindow();
+}
 
-    prepareMainWindow();
+void AppDelegate::prepareAndShowMainWindow()
+{
+    if (!m_mainWindowController || !m_mainWindowController->window())
+        prepareMainWindow();
     // When the fallback window was shown instead, there is nothing more to do.
     if (m_mainWindowController && m_mainWindowController->window())
         showMainWindowBelowStatusItem();

@@ -39,6 +39,7 @@ for f in share/polkit-1/actions/$id.policy \
   share/dbus-1/interfaces/${id}1.xml \
   share/icons/hicolor/scalable/apps/$id.svg \
   share/icons/hicolor/symbolic/apps/$id-symbolic.svg \
+  share/icons/hicolor/symbolic/apps/$id-held-symbolic.svg \
   share/man/man1/vistrel.1; do
   [ -f "$usr/$f" ] || fail "$f is missing"
 done

@@ -249,8 +249,11 @@ void ViewController::cameraSelected(QObject *)
 
 void ViewController::toggleFreeze()
 {
-    const bool wasFrozen = m_effects->toggleFreeze();
-    m_freezeButton->setText(wasFrozen ? QStringLiteral("Freeze") : QStringLiteral("Unfreeze"));
+    // The title and the held state change before the flag, whose change announces them,
+    // so whoever follows stateChanged finds them matching the new flag.
+    m_freezeHeld = !m_effects->isFrozen();
+    m_freezeButton->setText(m_freezeHeld ? QStringLiteral("Unfreeze") : QStringLiteral("Freeze"));
+    m_effects->toggleFreeze();
 }
 
 void ViewController::toggleShutter()

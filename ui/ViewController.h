@@ -70,6 +70,11 @@ public:
     vcam::VirtualCameraLink &link() { return *m_link; }
     ExtensionRequests &extensionRequests() { return *m_requests; }
 
+    // Whether the freeze button reads "Unfreeze": Freeze holds the picture as far as the
+    // window tells the user. Unlike effects().isFrozen(), the shutter's switches leave it
+    // alone, and stopping the shutter does not clear it.
+    bool isFreezeHeld() const { return m_freezeHeld; }
+
 public Q_SLOTS:
     void toggleFreeze();
     void toggleShutter();
@@ -116,6 +121,8 @@ private:
     QPointer<Spinner> m_previewSpinner;
     QPointer<LoopbackPreview> m_virtualCameraView;
 
+    // What the freeze button's title shows; see isFreezeHeld.
+    bool m_freezeHeld = false;
     std::unique_ptr<camera::FreezeEffect> m_effects;
     std::unique_ptr<camera::VideoFileSource> m_movie;
     std::unique_ptr<vcam::VirtualCameraLink> m_link;
