@@ -5,6 +5,7 @@
 #include "app/CommandLine.h"
 #include "app/ControlSocket.h"
 #include "app/DBusService.h"
+#include "app/GlobalShortcuts.h"
 #include "app/LinuxPlatform.h"
 #include "app/TerminationSignals.h"
 #include "camera/CameraAuthorization.h"
@@ -114,6 +115,10 @@ int main(int argc, char *argv[])
         },
         [&delegate] { delegate.showMainWindowBelowStatusItem(); }, timers);
     bus.publish(QDBusConnection::sessionBus());
+    // The desktop's global shortcuts press Freeze and Stutter while a call's window has
+    // the focus, through the same operations as the bus methods.
+    GlobalShortcuts shortcuts([&bus] { bus.ToggleFreeze(); }, [&bus] { bus.ToggleStutter(); }, timers);
+    shortcuts.start(QDBusConnection::sessionBus());
 
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
     return app.exec();
