@@ -121,12 +121,15 @@ void GlobalShortcuts::start(QDBusConnection bus)
     m_giveUp->start();
     // Requests are answered on /…/request/SENDER/TOKEN, SENDER being this connection's
     // unique name without the ':' and with '_' for '.'. One subscription, made before the
-    // first request, hears them all; the paths awaited pick out the answers.
+    // first request, hears them all; the paths awaited pick out the answers. Activated
+    // is subscribed to now as well and acted on once there is a session.
     QString sender = m_bus.baseService().mid(1);
     sender.replace(u'.', u'_');
     m_requestPrefix = QLatin1String(kPortalPath) + QStringLiteral("/request/") + sender + u'/';
     m_bus.connect(QLatin1String(kPortalService), QString(), kRequestInterface, QStringLiteral("Response"), this,
                   SLOT(requestAnswered(QDBusMessage)));
+    m_bus.connect(QLatin1String(kPortalService), QLatin1String(kPortalPath), QLatin1String(kInterface),
+                  QStringLiteral("Activated"), this, SLOT(activated(QDBusMessage)));
 
     // A refusal here (the portal knows the app otherwise, or has no registry) changes
     // nothing: the session is asked for all the same. Only a missing portal ends it.
@@ -245,8 +248,6 @@ void GlobalShortcuts::requestAnswered(const QDBusMessage &response)
             giveUp(QStringLiteral("the desktop portal created a session without a usable handle"));
             return;
         }
-        m_bus.connect(QLatin1String(kPortalService), QLatin1String(kPortalPath), QLatin1String(kInterface),
-                      QStringLiteral("Activated"), this, SLOT(activated(QDBusMessage)));
         bindShortcuts();
     } else if (m_step == Step::Binding) {
         m_step = Step::Bound;
