@@ -4,6 +4,7 @@
 #include "app/AppDelegate.h"
 #include "app/CommandLine.h"
 #include "app/DBusService.h"
+#include "app/GlobalShortcuts.h"
 #include "app/LinuxPlatform.h"
 #include "app/TerminationSignals.h"
 #include "camera/CameraAuthorization.h"
@@ -102,6 +103,10 @@ int main(int argc, char *argv[])
         [&delegate] { delegate.showMainWindowBelowStatusItem(); });
     QObject::connect(&delegate, &AppDelegate::mainWindowPrepared, &bus, &DBusService::follow);
     bus.publish(QDBusConnection::sessionBus());
+    // The desktop's global shortcuts press Freeze and Stutter while a call's window has
+    // the focus, through the same operations as the bus methods.
+    GlobalShortcuts shortcuts([&bus] { bus.ToggleFreeze(); }, [&bus] { bus.ToggleStutter(); }, timers);
+    shortcuts.start(QDBusConnection::sessionBus());
 
     QTimer::singleShot(0, &delegate, &AppDelegate::applicationDidFinishLaunching);
     return app.exec();
