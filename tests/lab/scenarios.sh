@@ -98,9 +98,10 @@ start_app() {
   start_bus || { note "no session bus at $BUS"; return 1; }
   # onboarding done and the extension installed: the app takes the main-window path at once
   printf '[General]\nonboardingComplete=true\nextensionInstalled=true\n' >/tmp/home/.config/Vistrel/Vistrel.conf
+  # each line of the app's output stamped with the guest's uptime
   (cd /tmp/home && exec env HOME=/tmp/home XDG_RUNTIME_DIR=/tmp/xdg QT_QPA_PLATFORM=offscreen \
      VISTREL_UPDATE_URL=http://127.0.0.1:9/updates/latest.json DBUS_SESSION_BUS_ADDRESS="$BUS" \
-     /usr/bin/vistrel) >"$APP_LOG" 2>&1 &
+     /usr/bin/vistrel) > >(while IFS= read -r line; do read -r up _ </proc/uptime; printf '%s %s\n' "$up" "$line"; done >"$APP_LOG") 2>&1 &
   APP_PID=$!
   local t0; t0=$(uptime_s)
   if wait_for 90 chooser_filled; then
@@ -398,8 +399,10 @@ test_camera_light() {
     summary "no reader count: camera kept open"
     return
   fi
-  local t0; t0=$(uptime_s)
-  expect "no reader, window hidden: the camera is let go (5 s grace)" wait_for 20 eval '! camera_held'
+  local t0 held_log=; t0=$(uptime_s)
+  expect "no reader, window hidden: the camera is let go (5 s grace)" wait_for 20 eval '! camera_held' \
+    || { held_log="fds: $(ls -l "/proc/$APP_PID/fd" | grep -c /dev/video) video, maps: $(grep -c /dev/video "/proc/$APP_PID/maps")"
+         note "since $t0: $held_log; app: $(grep -E 'camera (released|reopened)|Streaming' "$APP_LOG" | tail -n 6 | tr '\n' ';')"; }
   local gone; gone=$(since "$t0")
   # CPU with the camera released, nobody reading
   local c0 c1 t1 hz; hz=$(getconf CLK_TCK); c0=$(cpu_ticks); t1=$(uptime_s); sleep 20
